@@ -1,0 +1,53 @@
+/*
+ * The method table and the envelope checks in front of it.  Methods are
+ * matched exactly (case-sensitive), first match wins; a method that has no
+ * handler answers -32601.
+ */
+#define KC_MODULE "nimb_client.cpp"
+#include "client/handlers.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "client/error_reply.h"
+#include "json/json_parser.h"
+
+struct MethodEntry {
+    const char *method;
+    CommandHandler handler;
+};
+
+static const MethodEntry kMethods[] = {
+    {"dxGetAbout", dxGetAboutHandler},
+};
+
+void genericCommandHandler(cJSON *request)
+{
+    const char *version = jsonGetString(request, "jsonrpc");
+    const char *method = jsonGetString(request, "method");
+    const char *id = jsonGetString(request, "id");
+    const cJSON *params = jsonGetItem(request, "params");
+
+    if (version == NULL || method == NULL || id == NULL || params == NULL) {
+        printf("Invalid JSON command.\n");
+        sendJsonRpcError(request, -32600);
+        jsonDelete(request);
+        return;
+    }
+    if (strcmp(version, "2.0") != 0) {
+        printf("Invalid JSONRPC version.\n");
+        sendJsonRpcError(request, -32603);
+        jsonDelete(request);
+        return;
+    }
+    for (const MethodEntry &entry : kMethods) {
+        if (strcmp(method, entry.method) == 0) {
+            entry.handler(request);
+            jsonDelete(request);
+            return;
+        }
+    }
+    printf("Command handler not yet implemented for: %s\n", method);
+    sendJsonRpcError(request, -32601);
+    jsonDelete(request);
+}

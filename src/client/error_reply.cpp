@@ -1,0 +1,23 @@
+/* Builds {"jsonrpc","id","error":{"code","message","data"}} and queues it. */
+#define KC_MODULE "nimb_client.cpp"
+#include "client/error_reply.h"
+
+#include "json/json_parser.h"
+#include "sdk/nimb_sdk.h"
+
+void sendJsonRpcError(const cJSON *request, int code)
+{
+    sendJsonRpcErrorData(request, code, "");
+}
+
+void sendJsonRpcErrorData(const cJSON *request, int code, const char *data)
+{
+    cJSON *reply = initJsonRpcObject();
+    addJsonRpcId(request, reply, "id");
+    cJSON *error = jsonCreateObject();
+    jsonAddItem(reply, "error", error);
+    jsonAddInt(error, "code", code);
+    jsonAddString(error, "message", jsonRpcErrorMessage(code));
+    jsonAddString(error, "data", data != NULL ? data : "");
+    writeJsonReply(reply);
+}

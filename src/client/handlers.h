@@ -1,0 +1,25 @@
+/*
+ * Request handlers and the dispatcher.  A handler reads "params" itself,
+ * queues its own reply and never deletes or keeps the request.
+ */
+#ifndef KC_CLIENT_HANDLERS_H
+#define KC_CLIENT_HANDLERS_H
+
+struct cJSON;
+
+typedef void (*CommandHandler)(const cJSON *request);
+
+/* The device MAC address from the command line: every reply's deviceId. */
+extern const char *g_deviceMac;
+
+/* Checks the envelope, runs the handler, deletes the request. */
+void genericCommandHandler(cJSON *request);
+
+/* "params" when it holds "deviceId"; otherwise queues -32602 and gives NULL. */
+const cJSON *requireDeviceParams(const cJSON *request);
+/* {"jsonrpc","id","result":{"deviceId":MAC}}; result object via *result. */
+cJSON *initDeviceResult(const cJSON *request, cJSON **result);
+
+void dxGetAboutHandler(const cJSON *request);
+
+#endif

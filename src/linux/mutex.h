@@ -1,0 +1,14 @@
+/*
+ * Recursive POSIX mutexes whose every unexpected failure stops the process.
+ */
+#ifndef KC_LINUX_MUTEX_H
+#define KC_LINUX_MUTEX_H
+
+#include <pthread.h>
+
+void initMutex(pthread_mutex_t *mutex);
+void deleteMutex(pthread_mutex_t *mutex);
+void lockMutex(pthread_mutex_t *mutex);
+void unlockMutex(pthread_mutex_t *mutex);
+
+#endif

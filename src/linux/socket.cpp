@@ -1,0 +1,124 @@
+/* TCP connect, bounded exact-length read, full write, close. */
+#define KC_MODULE "linux/socket.cpp"
+#include "linux/socket.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "util/debug.h"
+
+int connectSocket(const char *host, int port)
+{
+    char portText[16];
+    snprintf(portText, sizeof portText, "%d", port);
+
+    struct addrinfo hints;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    struct addrinfo *list = NULL;
+    if (getaddrinfo(host, portText, &hints, &list) != 0)
+        return -1;
+
+    int fd = -1;
+    for (struct addrinfo *ai = list; ai != NULL; ai = ai->ai_next) {
+        fd = socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
+        if (fd == -1)
+            continue;
+        if (connect(fd, ai->ai_addr, ai->ai_addrlen) == 0)
+            break;
+        closeSocket(fd);
+        fd = -1;
+    }
+    freeaddrinfo(list);
+    if (fd == -1)
+        return -1;
+
+    int on = 1;
+    int ret = setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    KC_ASSERT(-1 != ret, "-1 != ret");
+    ret = setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    KC_ASSERT(-1 != ret, "-1 != ret");
+    return fd;
+}
+
+int waitSocketReadable(int fd, int seconds)
+{
+    for (;;) {
+        fd_set readSet;
+        FD_ZERO(&readSet);
+        FD_SET(fd, &readSet);
+        struct timeval timeout = {seconds, 0};
+        int ret = select(fd + 1, &readSet, NULL, NULL, &timeout);
+        if (ret == -1 && errno == EINTR)
+            continue;
+        if (ret == -1)
+            return -1;
+        return ret > 0 ? 1 : 0;
+    }
+}
+
+int readSocket(int fd, void *buf, unsigned int n)
+{
+    unsigned char *bytes = static_cast<unsigned char *>(buf);
+    unsigned int total = 0;
+    while (total < n) {
+        if (waitSocketReadable(fd, SOCKET_READ_TIMEOUT_SEC) != 1)
+            return -1;
+        ssize_t got = read(fd, bytes + total, n - total);
+        if (got == 0)
+            break;
+        if (got < 0) {
+            if (errno == EINTR)
+                continue;
+            return -1;
+        }
+        total += (unsigned int)got;
+    }
+    return (int)total;
+}
+
+int writeSocket(int fd, const void *buf, unsigned int n)
+{
+    const unsigned char *bytes = static_cast<const unsigned char *>(buf);
+    unsigned int written = 0;
+    while (written < n) {
+        ssize_t put = write(fd, bytes + written, n - written);
+        if (put < 0) {
+            if (errno == EINTR)
+                continue;
+            return -1;
+        }
+        written += (unsigned int)put;
+    }
+    return (int)written;
+}
+
+void closeSocket(int fd)
+{
+    if (fd == -1)
+        return;
+    /*
+     * Another thread may be waiting in select() on this descriptor; close()
+     * alone would leave it asleep for up to 40 seconds while it holds the
+     * connection's read side.  shutdown() wakes it at once.
+     */
+    shutdown(fd, SHUT_RDWR);
+    close(fd);
+}
+
+void setSocketNonBlocking(int fd)
+{
+    int flags = fcntl(fd, F_GETFL);
+    KC_ASSERT(flags != -1, "flags != -1");
+    int ret = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    KC_ASSERT(ret != -1, "ret != -1");
+}

@@ -1,0 +1,18 @@
+/*
+ * Blocking TCP sockets with exact-length reads bounded by a 40-second wait.
+ */
+#ifndef KC_LINUX_SOCKET_H
+#define KC_LINUX_SOCKET_H
+
+/* Seconds a read waits for data before it gives up. */
+#define SOCKET_READ_TIMEOUT_SEC 40
+
+int connectSocket(const char *host, int port);
+int readSocket(int fd, void *buf, unsigned int n);
+int writeSocket(int fd, const void *buf, unsigned int n);
+void closeSocket(int fd);
+void setSocketNonBlocking(int fd);
+/* Waits until fd is readable: 1 ready, 0 time-out, -1 error (EINTR resumed). */
+int waitSocketReadable(int fd, int seconds);
+
+#endif

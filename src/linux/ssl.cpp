@@ -1,0 +1,140 @@
+/*
+ * TLS client sessions.  The server certificate is not verified and no SNI
+ * is sent: the client is set up with a bare context by design.
+ */
+#define KC_MODULE "linux/ssl.cpp"
+#include "linux/ssl.h"
+
+#include "linux/mutex.h"
+#include "linux/socket.h"
+#include "util/debug.h"
+
+void initSslSocket(SslSocket *s)
+{
+    SSL_library_init();
+    SSL_load_error_strings();
+    OPENSSL_add_all_algorithms_noconf();
+    s->ctx = SSL_CTX_new(SSLv23_client_method());
+    KC_ASSERT(NULL != s->ctx, "((void *)0) != pSslSocket->ctx");
+    SSL_CTX_set_mode(s->ctx, SSL_MODE_ENABLE_PARTIAL_WRITE |
+                                 SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
+                                 SSL_MODE_AUTO_RETRY);
+    initMutex(&s->lock);
+    s->ssl = NULL;
+    s->session = NULL;
+    s->fd = -1;
+}
+
+void deinitSslSocket(SslSocket *s)
+{
+    if (s->ctx == NULL)
+        return;
+    deleteMutex(&s->lock);
+    if (s->session != NULL) {
+        SSL_SESSION_free(s->session);
+        s->session = NULL;
+    }
+    if (s->ssl != NULL) {
+        /* left over from a failed handshake */
+        SSL_free(s->ssl);
+        s->ssl = NULL;
+    }
+    SSL_CTX_free(s->ctx);
+    s->ctx = NULL;
+}
+
+int connectSslSocket(SslSocket *s, int fd)
+{
+    /* A failed handshake leaves its object behind; free it before reuse. */
+    if (s->ssl != NULL && s->fd == -1) {
+        SSL_free(s->ssl);
+        s->ssl = NULL;
+    }
+    s->ssl = SSL_new(s->ctx);
+    KC_ASSERT(NULL != s->ssl, "((void *)0) != pSslSocket->ssl");
+    int ret = SSL_set_fd(s->ssl, fd);
+    KC_ASSERT((1) == ret, "(1) == ret");
+    if (s->session != NULL) {
+        ret = SSL_set_session(s->ssl, s->session);
+        KC_ASSERT((1) == ret, "(1) == ret");
+    }
+    ret = SSL_connect(s->ssl);
+    if (ret == 1) {
+        s->fd = fd;
+        return 1;
+    }
+    KC_DEBUG(" ret=%d\n", ret);
+    return 0;
+}
+
+void disconnectSslSocket(SslSocket *s)
+{
+    if (s->fd == -1)
+        return;
+    /* The reader may still be inside readSslSocket: end the session under
+     * the lock so that it finds fd -1 instead of a freed object. */
+    lockMutex(&s->lock);
+    if (s->session == NULL)
+        s->session = SSL_get1_session(s->ssl);
+    SSL_shutdown(s->ssl);
+    SSL_free(s->ssl);
+    s->ssl = NULL;
+    s->fd = -1;
+    unlockMutex(&s->lock);
+}
+
+int readSslSocket(SslSocket *s, void *buf, unsigned int n)
+{
+    unsigned char *bytes = static_cast<unsigned char *>(buf);
+    unsigned int total = 0;
+    while (total < n) {
+        lockMutex(&s->lock);
+        int fd = s->fd;
+        int pending = fd == -1 ? 0 : SSL_pending(s->ssl);
+        unlockMutex(&s->lock);
+        if (fd == -1)
+            return (int)total;
+        if (pending == 0 && waitSocketReadable(fd, SOCKET_READ_TIMEOUT_SEC) != 1)
+            return -1;
+        lockMutex(&s->lock);
+        if (s->fd == -1) {
+            unlockMutex(&s->lock);
+            return (int)total;
+        }
+        int r = SSL_read(s->ssl, bytes + total, (int)(n - total));
+        int e = SSL_get_error(s->ssl, r);
+        unlockMutex(&s->lock);
+        if (e == SSL_ERROR_NONE) {
+            total += (unsigned int)r;
+            continue;
+        }
+        if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE)
+            continue;
+        return (int)total;
+    }
+    return (int)total;
+}
+
+int writeSslSocket(SslSocket *s, const void *buf, unsigned int n)
+{
+    const unsigned char *bytes = static_cast<const unsigned char *>(buf);
+    unsigned int written = 0;
+    while (written < n) {
+        lockMutex(&s->lock);
+        if (s->fd == -1) {
+            unlockMutex(&s->lock);
+            return -1;
+        }
+        int r = SSL_write(s->ssl, bytes + written, (int)(n - written));
+        int e = SSL_get_error(s->ssl, r);
+        unlockMutex(&s->lock);
+        if (e == SSL_ERROR_NONE) {
+            written += (unsigned int)r;
+            continue;
+        }
+        if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE)
+            continue;
+        return -1;
+    }
+    return (int)written;
+}

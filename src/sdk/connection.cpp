@@ -1,0 +1,162 @@
+/*
+ * Opening and re-opening the connection.  The retry interval comes from
+ * "korvatCloud.korvatCloud.conn_retry" (10 s by default); once ten minutes
+ * of attempts have been spent at that interval the agent backs off to a
+ * random 60 to 119 seconds between attempts, for as long as it takes.
+ */
+#define KC_MODULE "nimb_sdk.cpp"
+#include "sdk/nimb_sdk.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <unistd.h>
+
+#include "linux/mutex.h"
+#include "linux/thread.h"
+#include "util/debug.h"
+#include "util/kapri_util.h"
+
+struct ConnectionContext {
+    const char *url;
+    const char *mac;
+    void *ignored1;
+    void *ignored2;
+    ConnectionHook onPing;
+    ConnectionHook onClose;
+    ConnectionHook onReconnection;
+};
+
+static ConnectionContext s_context;
+static ConnectionLock s_connectionLock;
+static pthread_mutex_t s_activityLock;
+static time_t s_lastActivity;
+static int s_retryInterval = 10;
+static int s_queuesReady = 0;
+
+WbsConnection *g_wbsConnection = NULL;
+JsonQueue g_recvQueue;
+JsonQueue g_sendQueues[SEND_QUEUE_COUNT];
+
+ConnectionLock *nimbConnectionLock(void);
+ConnectionLock *nimbConnectionLock(void)
+{
+    return &s_connectionLock;
+}
+
+int nimbQueuesReady(void)
+{
+    return s_queuesReady;
+}
+
+int currentRetryInterval(void)
+{
+    return s_retryInterval;
+}
+
+void updateLastActivity(void)
+{
+    lockMutex(&s_activityLock);
+    s_lastActivity = time(NULL);
+    unlockMutex(&s_activityLock);
+}
+
+static void onServerPing(void)
+{
+    updateLastActivity();
+    if (s_context.onPing != NULL)
+        s_context.onPing();
+}
+
+static void *reconnectionThread(void *)
+{
+    establishWbsConnection();
+    return NULL;
+}
+
+void handleWbsClose(void)
+{
+    if (s_context.onClose != NULL)
+        s_context.onClose();
+    pthread_t thread;
+    int ret = createThread(&thread, reconnectionThread, NULL, 1);
+    KC_ASSERT_AT(522, 0 == ret, "0==ret");
+}
+
+static void readRetryInterval(void)
+{
+    char *out = run_shell_command(
+        "uci get korvatCloud.korvatCloud.conn_retry | tr -d '\\n'", 100);
+    int value = atoi(out);
+    if (value > 0)
+        s_retryInterval = value;
+    free_shell_output(out);
+}
+
+int establishWbsConnection(void)
+{
+    KC_DEBUG_AT(378, "<< pthread create and start >>\n");
+    readRetryInterval();
+    connectionWriteLock(&s_connectionLock);
+
+    int reconnection = 1;
+    if (g_wbsConnection == NULL) {
+        g_wbsConnection = initWebsocketConnection(s_context.url, s_context.mac,
+                                                  onServerPing, handleWbsClose);
+        reconnection = 0;
+        if (g_wbsConnection == NULL) {
+            /* No attempt could ever succeed: say so and stop. */
+            fprintf(stderr, "Invalid device server URL: %s\n", s_context.url);
+            exit(255);
+        }
+    }
+    int attempts = 0;
+    while (!connectWebsocket(g_wbsConnection)) {
+        if (s_retryInterval * attempts >= 601) {
+            sleep(60 + nextRandom() % 60);
+        } else {
+            sleep((unsigned int)s_retryInterval);
+            attempts++;
+        }
+    }
+    updateLastActivity();
+    connectionWriteUnlock(&s_connectionLock);
+
+    if (reconnection && s_context.onReconnection != NULL)
+        s_context.onReconnection();
+    KC_DEBUG_AT(431, "<< pthread exit >>\n");
+    return 0;
+}
+
+
+void initConnection(const char *url, const char *mac, void *ignored1,
+                    void *ignored2, ConnectionHook onPing,
+                    ConnectionHook onClose, ConnectionHook onReconnection)
+{
+    struct sigaction ignore;
+    memset(&ignore, 0, sizeof ignore);
+    ignore.sa_handler = SIG_IGN;
+    int ret = sigaction(SIGPIPE, &ignore, NULL);
+    KC_ASSERT_AT(342, -1 != ret, "-1 != ret");
+
+    initMutex(&s_activityLock);
+    s_context.url = url;
+    s_context.mac = mac;
+    s_context.ignored1 = ignored1;
+    s_context.ignored2 = ignored2;
+    s_context.onPing = onPing;
+    s_context.onClose = onClose;
+    s_context.onReconnection = onReconnection;
+    initConnectionLock(&s_connectionLock);
+
+    establishWbsConnection();
+
+    initQueue(&g_recvQueue, QUEUE_CAPACITY);
+    for (int i = 0; i < SEND_QUEUE_COUNT; i++)
+        initQueue(&g_sendQueues[i], QUEUE_CAPACITY);
+    s_queuesReady = 1;
+
+    initNimbThreads();
+}

@@ -1,0 +1,35 @@
+/* Debug line printer and assertion report, used by every module. */
+#include "util/debug.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "linux/thread.h"
+
+int g_debugFlag = 0;
+
+void kcDebugPrint(const char *module, const char *func, int line,
+                  const char *fmt, ...)
+{
+    char message[2048];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(message, sizeof message, fmt, ap);
+    va_end(ap);
+    /* One write per line keeps lines of concurrent threads apart. */
+    char out[2304];
+    snprintf(out, sizeof out, "[PID %d][FUNC %s::%s][LINE %d]: %s",
+             currentThreadId(), module, func, line, message);
+    fputs(out, stdout);
+}
+
+void kcAssertFail(const char *expr, const char *module, int line,
+                  const char *func)
+{
+    fflush(stdout);
+    fprintf(stderr, "korvat-cloud: %s:%d: %s: Assertion `%s' failed.\n",
+            module, line, func, expr);
+    fflush(stderr);
+    abort();
+}

@@ -1,0 +1,150 @@
+/* Running shell pipelines with bounded output, and the UCI wrappers. */
+#define KC_MODULE "kapri_util.cpp"
+#include "util/kapri_util.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "util/debug.h"
+
+const char SHELL_ERROR_TEXT[] = "ERROR";
+
+char *run_shell_command(const char *cmd, int max_len)
+{
+    if (cmd == NULL || max_len < 1)
+        return const_cast<char *>(SHELL_ERROR_TEXT);
+    FILE *stream = popen(cmd, "r");
+    if (stream == NULL)
+        return const_cast<char *>(SHELL_ERROR_TEXT);
+
+    /* max_len characters plus the terminator. */
+    char *out = static_cast<char *>(calloc((size_t)max_len + 1, 1));
+    size_t used = 0;
+    char chunk[128];
+    while (!feof(stream)) {
+        if (fgets(chunk, sizeof chunk, stream) == NULL) {
+            if (!ferror(stream))
+                continue;
+            if (errno != EINTR)
+                break; /* a broken pipe would never reach its end */
+            clearerr(stream);
+            continue;
+        }
+        size_t room;
+        int last = 0;
+        if (max_len < 129) {
+            room = (size_t)max_len;
+            last = 1;
+        } else if (used > (size_t)max_len - 128) {
+            room = (size_t)max_len - used;
+            last = 1;
+        } else {
+            room = sizeof chunk;
+        }
+        size_t n = strlen(chunk);
+        if (n > room)
+            n = room;
+        memcpy(out + used, chunk, n);
+        used += n;
+        out[used] = '\0';
+        if (last)
+            break;
+    }
+    pclose(stream);
+    return out;
+}
+
+void free_shell_output(char *text)
+{
+    if (text != NULL && text != SHELL_ERROR_TEXT)
+        free(text);
+}
+
+int is_process_running(const char *name)
+{
+    if (name == NULL || name[0] == '\0')
+        return 0;
+    system("ps > /tmp/ps.txt");
+    char cmd[512];
+    snprintf(cmd, sizeof cmd,
+             "(grep -q %s /tmp/ps.txt) && (echo 1 | tr -d '\\n') || "
+             "(echo 0 | tr -d '\\n')",
+             name);
+    char *out = run_shell_command(cmd, 3);
+    int running = atoi(out);
+    free_shell_output(out);
+    system("rm -f /tmp/ps.txt");
+    return running;
+}
+
+char *str_to_upper(const char *text)
+{
+    size_t n = strlen(text);
+    char *upper = static_cast<char *>(malloc(n + 1));
+    for (size_t i = 0; i < n; i++)
+        upper[i] = (char)toupper((unsigned char)text[i]);
+    upper[n] = '\0';
+    return upper;
+}
+
+char *uci_get(const char *path)
+{
+    if (path == NULL) {
+        printf("Error!\n");
+        return NULL;
+    }
+    size_t size = strlen(path) + 25;
+    char *cmd = static_cast<char *>(malloc(size));
+    snprintf(cmd, size, "uci get %s | tr -d '\\n'", path);
+    char *value = run_shell_command(cmd, 256);
+    free(cmd);
+    return value;
+}
+
+int uci_get_int(const char *path)
+{
+    if (path == NULL)
+        return -1;
+    char *value = uci_get(path);
+    int result = -1;
+    if (value != NULL && value[0] != '\0')
+        result = atoi(value);
+    free_shell_output(value);
+    return result;
+}
+
+int uci_set(const char *path, const char *value)
+{
+    if (path == NULL || value == NULL)
+        return 0;
+    char cmd[1024];
+    snprintf(cmd, sizeof cmd, "uci set %s=\"%s\"", path, value);
+    system(cmd);
+    return 1;
+}
+
+int uci_set_int(const char *path, int value)
+{
+    if (path == NULL)
+        return 0;
+    char cmd[1024];
+    snprintf(cmd, sizeof cmd, "uci set %s=%d", path, value);
+    system(cmd);
+    return 1;
+}
+
+int uci_commit(const char *package)
+{
+    /* Every commit commits all packages: handlers that change several
+     * packages rely on one commit.  Only an empty name takes the other
+     * form, which runs the same command with a trailing blank. */
+    if (package != NULL && package[0] == '\0') {
+        char cmd[64];
+        snprintf(cmd, sizeof cmd, "uci commit %s", package);
+        return system(cmd);
+    }
+    return system("uci commit");
+}

@@ -1,0 +1,81 @@
+/*
+ * WebSocket client: the one connection record of the process, the server
+ * URL, the opening handshake with subprotocol "nimb-protocol", and RFC 6455
+ * framing (masked frames out, whole messages in, pings answered inside).
+ */
+#ifndef KC_WEBSOCKET_CLIENT_H
+#define KC_WEBSOCKET_CLIENT_H
+
+#include <pthread.h>
+#include <stdint.h>
+
+#include "linux/ssl.h"
+
+enum {
+    WBS_STATE_CONNECTING = 1,
+    WBS_STATE_OPEN = 2,
+    WBS_STATE_CLOSED = 3,
+};
+
+enum {
+    WBS_OPCODE_CONTINUATION = 0,
+    WBS_OPCODE_TEXT = 1,
+    WBS_OPCODE_BINARY = 2,
+    WBS_OPCODE_CLOSE = 8,
+    WBS_OPCODE_PING = 9,
+    WBS_OPCODE_PONG = 10,
+};
+
+#define WBS_FIELD_SIZE 128
+
+typedef void (*WbsCallback)(void);
+
+struct WbsConnection {
+    int fd;
+    pthread_mutex_t readLock;
+    pthread_mutex_t writeLock;
+    unsigned char key[16];
+    unsigned char state;
+    char host[WBS_FIELD_SIZE];
+    char path[WBS_FIELD_SIZE];
+    char origin[WBS_FIELD_SIZE + 1]; /* one spare byte keeps it terminated */
+    int port;
+    int useTls;
+    SslSocket tls;
+    WbsCallback onPing;
+    WbsCallback onClose;
+};
+
+/* Process-wide multiply-with-carry generator (keys, masks, back-off). */
+void seedRandom(uint32_t seed);
+uint32_t nextRandom(void);
+
+/* Base64 with "=" padding; characters written (terminated), or -1. */
+int base64Encode(const unsigned char *in, int inLen, char *out, int outCap);
+
+/* Host, port, path and transport of a server URL; 1 if one form matched. */
+int parseServerUrl(const char *url, char *host, int *port, char *path,
+                   int *useTls);
+
+WbsConnection *initWebsocketConnection(const char *url, const char *origin,
+                                       WbsCallback onPing, WbsCallback onClose);
+int connectWebsocket(WbsConnection *conn);
+void freeWebsocketConnection(WbsConnection *conn);
+
+int wbsReadBytes(WbsConnection *conn, void *buf, unsigned int n);
+int wbsWriteBytes(WbsConnection *conn, const void *buf, unsigned int n);
+
+int sendClientHandshake(WbsConnection *conn);
+int readServerHandshake(WbsConnection *conn);
+int checkServerProtocol(const char *line);
+int verifyServerResponse(WbsConnection *conn, const char *line);
+/* Text of the latest handshake request (for tests and debugging). */
+const char *lastClientHandshake(void);
+
+int wbsReadMessage(WbsConnection *conn, void *buf, unsigned int capacity);
+int wbsSendFrame(WbsConnection *conn, int opcode, void *data,
+                 unsigned int length);
+int wbsSendPing(WbsConnection *conn);
+void wbsClose(WbsConnection *conn);
+
+#endif
