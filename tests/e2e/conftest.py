@@ -1,0 +1,190 @@
+"""Fixtures of the end-to-end suite.
+
+Every test runs the real korvat-cloud binary (KC_AGENT, default
+build/korvat-cloud) inside the simulated device (device/), against either
+the WebSocket device server (server/) or the raw-socket peer (rawpeer.py).
+The agent's standard output and error are collected line by line; at the
+end of each test its error output must hold no sanitizer report unless the
+test expected the agent to abort.
+"""
+import os
+import re
+import sys
+import threading
+import time
+
+import pytest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.abspath(os.path.join(HERE, "..", ".."))
+for extra in (os.path.join(ROOT, "device"), os.path.join(ROOT, "server"), HERE):
+    if extra not in sys.path:
+        sys.path.insert(0, extra)
+
+from simdevice import Device  # noqa: E402
+from device_server import DeviceServer  # noqa: E402
+from rawpeer import RawPeer  # noqa: E402
+
+AGENT = os.environ.get("KC_AGENT") or os.path.join(ROOT, "build", "korvat-cloud")
+FASTSLEEP = os.environ.get("KC_FASTSLEEP") or os.path.join(
+    ROOT, "build", "tests", "e2e", "fastsleep.so")
+MAC = "00:11:22:33:44:55"
+
+SANITIZER_MARKS = ("AddressSanitizer", "LeakSanitizer", "UndefinedBehaviorSanitizer",
+                   "runtime error:")
+
+
+class Stream(object):
+    """Lines of one output stream of the agent, gathered by a thread."""
+
+    def __init__(self, pipe):
+        self.lines = []
+        self._cond = threading.Condition()
+        self._thread = threading.Thread(target=self._pump, args=(pipe,), daemon=True)
+        self._thread.start()
+
+    def _pump(self, pipe):
+        for raw in iter(pipe.readline, b""):
+            with self._cond:
+                self.lines.append(raw.decode("utf-8", "replace").rstrip("\n"))
+                self._cond.notify_all()
+        with self._cond:
+            self._cond.notify_all()
+
+    def text(self):
+        with self._cond:
+            return "\n".join(self.lines)
+
+    def wait_for(self, pattern, timeout=10.0, start=0):
+        """Index of the first line from `start` matching the regex (or equal
+        to the plain text); raises AssertionError on timeout."""
+        regex = re.compile(pattern) if isinstance(pattern, re.Pattern) else None
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                for i in range(start, len(self.lines)):
+                    line = self.lines[i]
+                    if (regex.search(line) if regex else line == pattern):
+                        return i
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    raise AssertionError("no line %r within %.1f s; got:\n%s" % (
+                        pattern, timeout, "\n".join(self.lines[-40:])))
+                self._cond.wait(left)
+
+    def count(self, text):
+        with self._cond:
+            return sum(1 for line in self.lines if line == text)
+
+
+class Agent(object):
+    """The agent running inside the simulated device."""
+
+    def __init__(self, device, proc):
+        self.device = device
+        self.proc = proc
+        self.out = Stream(proc.stdout)
+        self.err = Stream(proc.stderr)
+        self.expect_abort = False
+
+    def wait_exit(self, timeout=10.0):
+        return self.proc.wait(timeout)
+
+    def alive(self):
+        return self.proc.poll() is None
+
+    def main_tid(self):
+        """In-device id of the agent's main thread (= its process id)."""
+        deadline = time.monotonic() + 5
+        while time.monotonic() < deadline:
+            found = self.device.find("korvat-cloud")
+            if found:
+                first = found[0]
+                return first["pid"] if isinstance(first, dict) else first
+            time.sleep(0.05)
+        raise AssertionError("korvat-cloud is not running in the device")
+
+    def state(self):
+        text = self.device.read_file("/tmp/cloud_conn_state")
+        return None if text is None else text.strip()
+
+    def wait_state(self, value, timeout=10.0):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if self.state() == value:
+                return
+            time.sleep(0.05)
+        raise AssertionError("connection state stayed %r, wanted %r" % (self.state(), value))
+
+    def sanitizer_reports(self):
+        text = self.err.text() + "\n" + self.out.text()
+        return [mark for mark in SANITIZER_MARKS if mark in text]
+
+
+@pytest.fixture
+def device():
+    with Device() as dev:
+        yield dev
+
+
+@pytest.fixture
+def start_agent(device):
+    """start_agent(url, debug=True, mac=MAC, args=None, fastsleep=False, env=None)"""
+    started = []
+
+    def start(url=None, debug=True, mac=MAC, args=None, fastsleep=False, env=None):
+        env = dict(env or {})
+        preload = []
+        if fastsleep:
+            preload.append(FASTSLEEP)
+            env.setdefault("FASTSLEEP_LOG", "/tmp/fastsleep.log")
+            # gcc's sanitizer runtime would refuse a preloaded library ahead of it
+            env.setdefault("ASAN_OPTIONS", "verify_asan_link_order=0")
+        if args is None:
+            cmd = ["/usr/bin/korvat-cloud"] + (["-d"] if debug else []) + [url, mac]
+        else:
+            cmd = ["/usr/bin/korvat-cloud"] + list(args)
+        proc = device.start(cmd, agent=AGENT, env=env, preload=preload)
+        agent = Agent(device, proc)
+        started.append(agent)
+        return agent
+
+    yield start
+    for agent in started:
+        device.stop()
+        agent.out._thread.join(5)
+        agent.err._thread.join(5)
+        if not agent.expect_abort:
+            reports = agent.sanitizer_reports()
+            assert not reports, "sanitizer report from the agent:\n" + agent.err.text()
+
+
+@pytest.fixture
+def server():
+    srv = DeviceServer(ping_interval=None)
+    srv.start()
+    yield srv
+    srv.stop()
+
+
+@pytest.fixture
+def tls_server():
+    srv = DeviceServer(tls=True, ping_interval=None)
+    srv.start()
+    yield srv
+    srv.stop()
+
+
+@pytest.fixture
+def peer():
+    p = RawPeer()
+    yield p
+    p.shutdown()
+
+
+@pytest.fixture
+def connected(server, start_agent):
+    """An agent connected to the device server: (agent, server)."""
+    agent = start_agent(server.url)
+    server.wait_for_connection(timeout=15)
+    return agent, server

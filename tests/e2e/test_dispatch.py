@@ -1,0 +1,130 @@
+"""Requests through the real socket: envelope faults, unknown methods and
+"dxGetAbout", with the exact reply bytes and the lines the agent prints."""
+import json
+import re
+
+from conftest import MAC
+
+
+def error_text(id_text, code, message):
+    return ('{"jsonrpc":"2.0","id":%s,"error":{"code":%d,"message":"%s","data":""}}'
+            % (id_text, code, message))
+
+
+def test_request_without_params_is_an_invalid_request(connected):
+    agent, server = connected
+    reply = server.request("dxGetAbout", id="7", omit=("params",))
+    assert reply.raw == error_text('"7"', -32600, "The JSON sent is not a valid Request object")
+    agent.out.wait_for("Invalid JSON command.")
+
+
+def test_other_jsonrpc_version_is_an_internal_error(connected):
+    agent, server = connected
+    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="7", jsonrpc="1.0")
+    assert reply.raw == error_text('"7"', -32603, "Internal JSON-RPC error")
+    agent.out.wait_for("Invalid JSONRPC version.")
+
+
+def test_method_names_are_case_sensitive(connected):
+    agent, server = connected
+    reply = server.request("DxGetAbout", {"deviceId": MAC}, id="8")
+    assert reply.raw == error_text('"8"', -32601, "The method is not available")
+    agent.out.wait_for("Command handler not yet implemented for: DxGetAbout")
+
+
+def test_numeric_id_is_an_invalid_request_answered_with_null_id(connected):
+    agent, server = connected
+    reply = server.request_raw(
+        '{"jsonrpc":"2.0","id":7,"method":"dxGetAbout","params":{"deviceId":"x"}}',
+        expect_id=None)
+    assert reply.raw == error_text("null", -32600, "The JSON sent is not a valid Request object")
+    agent.out.wait_for("Invalid JSON command.")
+
+
+def test_server_bound_method_names_are_unknown_methods(connected):
+    agent, server = connected
+    for i, method in enumerate(("dsLogStatusUpdates", "dsEventNotifications")):
+        reply = server.request(method, {"deviceId": MAC}, id="n%d" % i)
+        assert reply.raw == error_text('"n%d"' % i, -32601, "The method is not available")
+        agent.out.wait_for("Command handler not yet implemented for: " + method)
+
+
+def test_unknown_method_keeps_the_connection_usable(connected):
+    agent, server = connected
+    server.request("dxNoSuchMethod", {"deviceId": MAC}, id="1")
+    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="2")
+    assert reply.data["result"]["deviceId"] == MAC
+
+
+def test_get_about_reports_the_device_field_by_field(device, connected):
+    agent, server = connected
+    device.write_file("/etc/version", "2.0.1.7-rc1 build 1234\n")
+    # the product line: one leading character, the quoted product word
+    device.write_file("/etc/mDNSResponder.conf", '# services\n\t"VK310-ap"\n_http._tcp\n')
+    device.set_output("sntool", "SVC-TAG-0042\n")
+    reply = server.request("dxGetAbout", {"deviceId": "anything"}, id="17")
+    # Members in this order, all strings.
+    expected = ('{"jsonrpc":"2.0","id":"17","result":{"deviceId":"%s","macAddress":"%s",'
+                '"firmware":"2.0.1","model":"VK310-AP","serviceTag":"SVC-TAG-0042",'
+                '"lanAddress":"%s"}}' % (MAC, MAC, device.uci_committed("network.lan.ipaddr")))
+    assert reply.raw == expected
+    journal = device.journal()
+    assert "sntool" in journal
+    assert "ifconfig br-lan" in journal
+
+
+def test_get_about_firmware_without_version_file_is_unknown(device, connected):
+    agent, server = connected
+    device.remove_file("/etc/version")
+    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="3")
+    assert reply.data["result"]["firmware"] == "UnKnown"
+
+
+def test_get_about_firmware_with_fewer_parts_is_kept_whole(device, connected):
+    agent, server = connected
+    device.write_file("/etc/version", "3.1 beta\n")
+    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="4")
+    assert reply.data["result"]["firmware"] == "3.1"
+
+
+def test_get_about_without_device_id_is_an_invalid_parameter(device, connected):
+    agent, server = connected
+    device.clear_journal()
+    reply = server.request("dxGetAbout", {"deviceid_missing": 1}, id="5")
+    assert reply.raw == error_text('"5"', -32602, "Invalid method parameter")
+    assert "sntool" not in device.journal()
+
+
+def test_device_id_member_name_is_matched_case_insensitively(connected):
+    agent, server = connected
+    reply = server.request("dxGetAbout", {"DEVICEID": "x"}, id="6")
+    assert "result" in reply.data
+
+
+def test_frame_dumps_colour_the_method(connected):
+    agent, server = connected
+    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="9")
+    sent = server.received_texts[-1]
+    assert sent == reply.raw
+    i = agent.out.wait_for(re.compile(r"^Recieved text frame: \d+$"))
+    dash = "-" * 77
+    assert agent.out.lines[i - 2] == dash
+    assert re.match(r"^\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d\]\[Thread\]\[Func queueWriter\]$",
+                    agent.out.lines[i - 1])
+    agent.out.wait_for(re.compile(re.escape('"method":"\x1b[1;33mdxGetAbout\x1b[m"')), timeout=5)
+    j = agent.out.wait_for("Sending text frame:")
+    assert agent.out.lines[j - 1].endswith("[Thread][Func queueReader]")
+
+
+def test_reply_without_method_is_dumped_uncoloured(connected):
+    agent, server = connected
+    server.request("dxGetAbout", {"deviceId": MAC}, id="10")
+    i = agent.out.wait_for("Sending text frame:")
+    block = []
+    for line in agent.out.lines[i + 1:]:
+        if line == "-" * 77:
+            break
+        block.append(line)
+    text = "\n".join(block)
+    assert json.loads(text)["id"] == "10"
+    assert "\x1b[" not in text

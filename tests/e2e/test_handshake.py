@@ -1,0 +1,148 @@
+"""The opening handshake as the agent writes it, and how it judges the
+server's answer (raw-socket peer)."""
+import base64
+import time
+
+import pytest
+
+from conftest import MAC
+from rawpeer import OP_TEXT
+
+ABOUT = '{"jsonrpc":"2.0","id":"h1","method":"dxGetAbout","params":{"deviceId":"x"}}'
+
+
+def set_retry(device, seconds):
+    device.uci("set", "korvatCloud.korvatCloud.conn_retry=%d" % seconds)
+    device.uci("commit", "korvatCloud")
+
+
+def test_request_bytes(peer, start_agent):
+    start_agent(peer.url("path/x"))
+    peer.accept(15)
+    req = peer.read_request()
+    lines = req.raw.decode("latin-1").split("\r\n")
+    key = lines[4][len("Sec-WebSocket-Key: "):]
+    assert lines == [
+        "GET /path/x HTTP/1.1",
+        "Host: 127.0.0.1:%d" % peer.port,
+        "Upgrade: websocket",
+        "Connection: Upgrade",
+        "Sec-WebSocket-Key: " + key,
+        "Sec-WebSocket-Protocol: nimb-protocol",
+        "Sec-WebSocket-Version: 13",
+        "Origin: " + MAC,
+        "",
+        "",
+    ]
+    assert len(key) == 24
+    assert len(base64.b64decode(key, validate=True)) == 16
+
+
+def test_url_without_path_requests_root(peer, start_agent):
+    start_agent("ws://127.0.0.1:%d" % peer.port)
+    peer.accept(15)
+    req = peer.read_request()
+    assert req.raw.startswith(b"GET / HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n" % peer.port)
+
+
+def test_each_handshake_uses_a_fresh_key(device, peer, start_agent):
+    set_retry(device, 1)
+    start_agent(peer.url())
+    peer.accept(15)
+    first = peer.read_request().key
+    peer.send_raw(b"HTTP/1.1 500 Nope\r\n\r\n")
+    peer.accept(15)
+    second = peer.read_request().key
+    assert first != second
+
+
+def _answered_and_usable(peer):
+    peer.send_text(ABOUT)
+    frame = peer.read_message(15)
+    assert frame.opcode == OP_TEXT and frame.masked
+    assert '"id":"h1"' in frame.text
+
+
+def test_answer_without_accept_header_is_accepted(peer, start_agent):
+    start_agent(peer.url())
+    peer.handshake(15, accept=False)
+    _answered_and_usable(peer)
+
+
+def test_answer_without_any_header_is_accepted(peer, start_agent):
+    start_agent(peer.url())
+    peer.accept(15)
+    peer.read_request()
+    peer.send_raw(b"HTTP/1.1 101\r\n\r\n")
+    _answered_and_usable(peer)
+
+
+def test_correct_accept_and_protocol_are_accepted(peer, start_agent):
+    start_agent(peer.url())
+    peer.handshake(15)
+    _answered_and_usable(peer)
+
+
+@pytest.mark.parametrize("answer", [
+    dict(accept="dGhlIHNhbXBsZSBub25jZQ=="),
+    dict(protocol="other-protocol"),
+    dict(protocol="nimb-protocol, x"),
+    dict(status=200, reason="OK"),
+    dict(status=101, version="HTTP/1.0"),
+], ids=["wrong-accept", "wrong-protocol", "protocol-list", "status-200", "http-1.0"])
+def test_refused_answers_are_retried_after_the_interval(device, peer, start_agent, answer):
+    set_retry(device, 2)
+    start_agent(peer.url())
+    peer.accept(15)
+    peer.read_request()
+    peer.send_response(**answer)
+    refused_at = time.monotonic()
+    # refused: the agent leaves this socket alone and tries again later
+    peer.accept(20)
+    waited = time.monotonic() - refused_at
+    assert 1.5 <= waited < 8, waited
+    peer.read_request()
+    peer.send_response()
+    _answered_and_usable(peer)
+
+
+def test_protocol_header_without_blank_is_refused(device, peer, start_agent):
+    set_retry(device, 1)
+    start_agent(peer.url())
+    peer.accept(15)
+    peer.read_request()
+    peer.send_raw(b"HTTP/1.1 101 Switching Protocols\r\nSec-WebSocket-Protocol:nimb-protocol\r\n\r\n")
+    peer.accept(15)
+    peer.handshake(15)
+    _answered_and_usable(peer)
+    assert peer.connections == 2
+
+
+def test_peer_closing_during_headers_fails_the_attempt(device, peer, start_agent):
+    set_retry(device, 1)
+    start_agent(peer.url())
+    peer.accept(15)
+    peer.read_request()
+    peer.send_raw(b"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n")
+    peer.close()
+    # no hang on the closed socket: the next attempt arrives
+    peer.accept(15)
+    peer.handshake(15)
+    _answered_and_usable(peer)
+
+
+def test_server_that_never_answers_is_given_up_after_40_seconds(device, peer, start_agent):
+    set_retry(device, 1)
+    start_agent(peer.url())
+    peer.accept(15)
+    peer.read_request()
+    silent = peer.sock  # kept open and silent while the next one is awaited
+    peer.sock = None
+    started = time.monotonic()
+    try:
+        peer.accept(60)
+    finally:
+        silent.close()
+    waited = time.monotonic() - started
+    # 40 s of read time-out plus the 1 s retry interval
+    assert 40 <= waited < 50, waited

@@ -1,0 +1,152 @@
+"""Command line, connection-state file, close and reconnection lines, the
+SIGTERM handler and the stop on text that is not JSON."""
+import re
+import signal
+import time
+
+import pytest
+
+from conftest import MAC
+
+DEBUG_START = re.compile(
+    r"^\[PID \d+\]\[FUNC nimb_client\.cpp::main\]\[LINE 100\]: Starting Korvat Cloud Client$")
+USAGE = "Usage: /usr/bin/korvat-cloud [-d] <device_server_url> <device_mac_address>"
+
+
+def test_too_few_operands_print_usage_and_exit_255(start_agent):
+    agent = start_agent(args=["ws://127.0.0.1:1/"])
+    assert agent.wait_exit(10) == 255
+    assert agent.out.lines == [USAGE]
+
+
+def test_too_many_operands_are_a_usage_error(start_agent):
+    agent = start_agent(args=["-d", "ws://127.0.0.1:1/", MAC, "extra"])
+    assert agent.wait_exit(10) == 255
+    assert agent.out.lines == [USAGE]
+
+
+def test_without_flag_there_is_no_debug_output(server, start_agent):
+    agent = start_agent(server.url, debug=False)
+    conn = server.wait_for_connection(15)
+    server.request("dxGetAbout", {"deviceId": MAC})
+    agent.out.wait_for("Load uci configurations to global variables...")
+    assert conn.header("Origin") == MAC
+    assert not any(line.startswith("[PID ") for line in agent.out.lines)
+
+
+def test_debug_flag_turns_on_debug_lines(server, start_agent):
+    agent = start_agent(server.url, debug=True)
+    server.wait_for_connection(15)
+    agent.out.wait_for(DEBUG_START)
+    agent.out.wait_for(re.compile(
+        r"^\[PID \d+\]\[FUNC nimb_sdk\.cpp::establishWbsConnection\]\[LINE 378\]: "
+        r"<< pthread create and start >>$"))
+    server.request("dxGetAbout", {"deviceId": MAC})
+    agent.out.wait_for(re.compile(
+        r"^\[PID \d+\]\[FUNC nimb_client\.cpp::main\]\[LINE 126\]: processing genericCommandHandler\.\.\.$"))
+
+
+def test_other_first_word_is_taken_as_no_debug(server, start_agent):
+    agent = start_agent(args=["-x", server.url, "aa:bb:cc:dd:ee:ff"])
+    conn = server.wait_for_connection(15)
+    assert conn.header("Origin") == "aa:bb:cc:dd:ee:ff"
+    reply = server.request("dxGetAbout", {"deviceId": "x"})
+    assert reply.data["result"]["deviceId"] == "aa:bb:cc:dd:ee:ff"
+    assert not any(line.startswith("[PID ") for line in agent.out.lines)
+
+
+def test_invalid_url_is_reported_and_ends_the_agent(start_agent):
+    agent = start_agent(args=["WSS://example", MAC])
+    assert agent.wait_exit(10) == 255
+    assert "Invalid device server URL: WSS://example" in agent.err.text()
+
+
+def test_state_file_follows_ping_close_and_reconnection(device, server, start_agent):
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    # connected, but no ping answered yet
+    assert agent.state() == "0"
+    assert server.ping("abc") == b"abc"
+    agent.wait_state("1")
+    server.close()
+    agent.out.wait_for(re.compile(r"^\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d\] ACK close\.$"))
+    server.wait_for_connection(15)
+    agent.out.wait_for(re.compile(r"^\[[^]]+\] ACK reconnection\.$"))
+    agent.wait_state("1")
+    journal = device.journal()
+    assert "uci get korvatCloud.korvatCloud.conn_retry" in journal
+
+
+def test_state_file_reads_zero_while_the_server_is_away(device, server, start_agent):
+    device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
+    device.uci("commit", "korvatCloud")
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    server.ping("x")
+    agent.wait_state("1")
+    server.pause()
+    server.drop()
+    agent.wait_state("0")
+    time.sleep(1.5)
+    assert agent.state() == "0"
+    server.resume()
+    server.wait_for_connection(15)
+    agent.wait_state("1")
+
+
+def test_sigterm_to_main_thread_closes_and_reconnects_promptly(server, start_agent):
+    agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    reply = server.request("dxGetAbout", {"deviceId": MAC})
+    assert "result" in reply.data
+    started = time.monotonic()
+    agent.device.signal(agent.main_tid(), signal.SIGTERM)
+    first.wait_closed(10)
+    agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
+    second = server.wait_for_connection(15)
+    # the receiving thread is woken, not left in its 40-second wait
+    assert time.monotonic() - started < 10
+    assert second is not first
+    assert server.request("dxGetAbout", {"deviceId": MAC}).data["result"]["deviceId"] == MAC
+    # the client sent a close frame on the first connection
+    closes = [f for f in server.frames if f.conn_index == first.index
+              and f.direction == "recv" and f.opcode == 8]
+    assert closes
+    assert agent.alive()
+
+
+def test_sigterm_to_a_worker_thread_only_reports(device, server, start_agent):
+    agent = start_agent(server.url)
+    conn = server.wait_for_connection(15)
+    proc = device.find("korvat-cloud")[0]
+    worker = [tid for tid, _ in proc["threads"] if tid != proc["pid"]][0]
+    device.signal_thread(worker, signal.SIGTERM)
+    agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
+    assert conn.is_open
+    assert server.request("dxGetAbout", {"deviceId": MAC}).data["result"]["deviceId"] == MAC
+    assert "killall -9 korvat-cloud" not in device.journal()
+
+
+def test_sigterm_to_the_recorded_thread_saves_queues_and_kills(device, server, start_agent):
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    tid = agent.main_tid()
+    device.write_file("/tmp/cloud_timer_pid", "99999\n%d\n" % tid)
+    device.signal(tid, signal.SIGTERM)
+    agent.out.wait_for("Backup queue commands to file...")
+    device.wait_journal("killall -9 korvat-cloud")
+    assert agent.wait_exit(10) == 128 + signal.SIGKILL
+    # nothing was queued, so no backup file was written
+    assert agent.out.count("Func backup_queue: Queue is emtpy") == 4
+    assert not device.exists("/etc/cloud_recv_cmd.backup")
+
+
+def test_text_that_is_not_json_stops_the_agent(server, start_agent):
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    agent.expect_abort = True
+    server.send_text("hello")
+    assert agent.wait_exit(15) == 128 + signal.SIGABRT
+    assert ("korvat-cloud: nimb_sdk.cpp:568: queueWriter: Assertion "
+            "`((void *)0) != root' failed.") in agent.err.lines
+    agent.out.wait_for("Recieved text frame: 5")
