@@ -1,0 +1,45 @@
+"""Reconnect back-off, fast-forwarded: the sleep shim records every sleep(N)
+the agent makes while no server listens, and shortens it."""
+import time
+
+import pytest
+
+DEAD_URL = "ws://127.0.0.1:9/"  # discard port: nothing listens there
+
+
+def sleeps(device, count, timeout=30):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        text = device.read_file("/tmp/fastsleep.log") or ""
+        values = [int(line.split()[1]) for line in text.splitlines() if line.startswith("sleep ")]
+        if len(values) >= count:
+            return values[:count]
+        time.sleep(0.05)
+    raise AssertionError("only %d sleeps recorded" % len(values))
+
+
+def set_retry(device, value):
+    if value is None:
+        device.uci("delete", "korvatCloud.korvatCloud.conn_retry")
+    else:
+        device.uci("set", "korvatCloud.korvatCloud.conn_retry=%s" % value)
+    device.uci("commit", "korvatCloud")
+
+
+def test_interval_of_30_seconds_for_21_attempts_then_60_to_119(device, start_agent):
+    set_retry(device, 30)
+    start_agent(DEAD_URL, fastsleep=True)
+    got = sleeps(device, 60)
+    assert got[:21] == [30] * 21
+    assert all(60 <= s <= 119 for s in got[21:]), got[21:]
+    # the random part actually varies
+    assert len(set(got[21:])) > 1
+
+
+@pytest.mark.parametrize("value", [None, "0", "abc", "-5"], ids=["unset", "zero", "text", "negative"])
+def test_interval_stays_10_seconds_without_a_usable_setting(device, start_agent, value):
+    set_retry(device, value)
+    start_agent(DEAD_URL, fastsleep=True)
+    got = sleeps(device, 65)
+    assert got[:61] == [10] * 61
+    assert all(60 <= s <= 119 for s in got[61:]), got[61:]

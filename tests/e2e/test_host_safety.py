@@ -1,0 +1,32 @@
+"""The sandbox holds with the real agent: after a run in which the agent
+writes its files, runs its device commands and finally kills itself with
+"killall -9 korvat-cloud", the host's kernel settings (printk included),
+/etc, /tmp and mount table are unchanged and no host process named like
+the agent was signalled."""
+import signal
+
+from simdevice import HostGuard
+
+from conftest import MAC
+
+
+def test_agent_run_leaves_the_host_alone(device, server, start_agent):
+    with HostGuard(device, decoys=("korvat-cloud", "logread")) as guard:
+        agent = start_agent(server.url)
+        server.wait_for_connection(15)
+        server.ping("p")
+        agent.wait_state("1")
+        assert server.request("dxGetAbout", {"deviceId": MAC}).data["result"]
+        server.close()
+        server.wait_for_connection(15)
+        tid = agent.main_tid()
+        device.write_file("/tmp/cloud_timer_pid", "%d\n" % tid)
+        device.signal(tid, signal.SIGTERM)
+        device.wait_journal("killall -9 korvat-cloud")
+        assert agent.wait_exit(10) == 128 + signal.SIGKILL
+        # the agent did write its files, inside the device
+        assert device.read_file("/tmp/cloud_conn_state").strip() in ("0", "1")
+        journal = device.journal()
+        assert "uci get korvatCloud.korvatCloud.conn_retry" in journal
+        assert "sntool" in journal
+        assert guard.problems() == []

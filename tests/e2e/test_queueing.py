@@ -1,0 +1,81 @@
+"""Queues seen from outside: a full receive queue, reply order, and replies
+that wait for the server to come back."""
+import json
+import re
+import time
+
+from conftest import MAC
+
+# sntool stalls once while /tmp/slow exists, which keeps the main thread
+# inside one dxGetAbout for a while.
+SLOW_ONCE = 'if [ -e /tmp/slow ]; then rm -f /tmp/slow; sleep %s; fi\necho TAG-1\n'
+
+
+def about(id_):
+    return json.dumps({"jsonrpc": "2.0", "id": id_, "method": "dxGetAbout",
+                       "params": {"deviceId": MAC}}, separators=(",", ":"))
+
+
+def collect(server, count, timeout=30):
+    got = []
+    deadline = time.monotonic() + timeout
+    while len(got) < count:
+        got.append(server.next_message(max(0.1, deadline - time.monotonic())))
+    return got
+
+
+def test_eleventh_request_while_busy_is_refused_and_never_run(device, connected):
+    agent, server = connected
+    device.set_script("sntool", SLOW_ONCE % 3)
+    device.write_file("/tmp/slow", "")
+    server.send_text(about("busy"))
+    device.wait_journal("sntool")
+    for i in range(1, 12):
+        server.send_text(about("q%d" % i))
+    # the refusal leaves at once, ahead of every reply
+    first = server.next_message(10)
+    assert first.raw == ('{"jsonrpc":"2.0","id":"q11","error":{"code":10002,'
+                         '"message":"Too many items in a list","data":""}}')
+    rest = collect(server, 11)
+    assert [m.data["id"] for m in rest] == ["busy"] + ["q%d" % i for i in range(1, 11)]
+    assert all("result" in m.data for m in rest)
+    # q11 never ran: one sntool call for each executed dxGetAbout
+    assert device.journal().count("sntool") == 11
+    time.sleep(0.5)
+    assert server.messages == []
+
+
+def test_replies_leave_in_request_order(connected):
+    agent, server = connected
+    for i in range(8):
+        method = "dxGetAbout" if i % 2 else "dxNoSuchMethod"
+        server.send_text(json.dumps({"jsonrpc": "2.0", "id": "o%d" % i, "method": method,
+                                     "params": {"deviceId": MAC}}))
+    got = collect(server, 8)
+    assert [m.data["id"] for m in got] == ["o%d" % i for i in range(8)]
+
+
+def test_replies_queued_while_the_server_is_gone_arrive_after_reconnection(device, server,
+                                                                        start_agent):
+    device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
+    device.uci("commit", "korvatCloud")
+    device.set_script("sntool", SLOW_ONCE % 2)
+    agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    device.write_file("/tmp/slow", "")
+    server.send_text(about("a1"))
+    device.wait_journal("sntool")
+    for name in ("a2", "a3", "a4"):
+        server.send_text(about(name))
+    # the server goes away while the replies are still being made
+    server.pause()
+    server.drop()
+    agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=10)
+    time.sleep(3)
+    assert server.messages == []
+    server.resume()
+    second = server.wait_for_connection(20)
+    got = collect(server, 4)
+    assert [m.data["id"] for m in got] == ["a1", "a2", "a3", "a4"]
+    assert all(m.conn is second for m in got)
+    assert all(m.data["result"]["deviceId"] == MAC for m in got)
