@@ -1,0 +1,100 @@
+#!/bin/sh
+# Runs the agent against the bundled device server, the agent inside the
+# simulated device (never on the host).  As root on Debian bookworm:
+#
+#   scripts/demo.sh            # runs until Ctrl-C
+#   scripts/demo.sh --once     # one tour of requests, then exits (0 = all answered)
+#   scripts/demo.sh --tls      # the same over wss://
+#
+# Lines are prefixed with who printed them: [server] frames and requests of
+# the device server, [agent] the agent's output (frame dumps, debug lines),
+# [device] the connection-state file "/tmp/cloud_conn_state" as it changes.
+# KC_AGENT=path uses an already built agent instead of building one.
+set -eu
+cd "$(dirname "$0")/.."
+top=$(pwd)
+
+once=""
+tls=""
+for arg in "$@"; do
+    case "$arg" in
+    --once) once="--once" ;;
+    --tls) tls="--tls" ;;
+    *) echo "usage: $0 [--once] [--tls]" >&2; exit 2 ;;
+    esac
+done
+
+if [ -z "${KC_AGENT:-}" ]; then
+    scripts/install-deps.sh
+    cmake -S "$top" -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+    cmake --build build
+    KC_AGENT="$top/build/korvat-cloud"
+fi
+MAC=${KC_DEMO_MAC:-02:4b:56:31:30:01}
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/korvat-demo.XXXXXX")
+run="$work/device"
+device/run-device init "$run" >/dev/null
+
+server_pid=""
+agent_pid=""
+watch_pid=""
+cleanup() {
+    device/run-device stop "$run" >/dev/null 2>&1 || true
+    for pid in $watch_pid $server_pid $agent_pid; do
+        kill "$pid" 2>/dev/null || true
+    done
+    wait 2>/dev/null || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+prefix() { sed -u "s/^/$1 /"; }
+
+# shellcheck disable=SC2086
+{
+    status=0
+    /usr/bin/python3 -u server/device_server.py --tour $once $tls --url-file "$work/url" 2>&1 \
+        || status=$?
+    echo "$status" > "$work/server.status"
+} | prefix "[server]" &
+server_pid=$!
+i=0
+while [ ! -s "$work/url" ]; do
+    i=$((i + 1))
+    [ "$i" -lt 100 ] || { echo "device server did not start" >&2; exit 1; }
+    sleep 0.1
+done
+url=$(cat "$work/url")
+
+echo "[device] starting: korvat-cloud -d $url $MAC"
+device/run-device run --agent "$KC_AGENT" "$run" -- /usr/bin/korvat-cloud -d "$url" "$MAC" 2>&1 \
+    | prefix "[agent]" &
+agent_pid=$!
+
+(
+    last=""
+    while :; do
+        now=$(cat "$run/tmp/cloud_conn_state" 2>/dev/null || true)
+        if [ -n "$now" ] && [ "$now" != "$last" ]; then
+            echo "[device] /tmp/cloud_conn_state = $now"
+            last=$now
+        fi
+        sleep 0.2
+    done
+) &
+watch_pid=$!
+
+if [ -n "$once" ]; then
+    wait "$server_pid" || true
+    status=$(cat "$work/server.status" 2>/dev/null || echo 1)
+    state=$(cat "$run/tmp/cloud_conn_state" 2>/dev/null || true)
+    echo "[device] final /tmp/cloud_conn_state = $state"
+    if [ "$state" != 1 ]; then
+        status=1
+    fi
+    [ "$status" = 0 ] && echo "demo: tour complete" || echo "demo: tour FAILED"
+    exit "$status"
+fi
+wait "$server_pid"
