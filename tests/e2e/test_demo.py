@@ -22,5 +22,6 @@ def test_demo_tour_runs_once_and_exits_0(extra):
     assert ('[server] <-- {"jsonrpc":"2.0","id":"2","error":{"code":-32601,'
             '"message":"The method is not available","data":""}}') in out
     assert "[agent] Command handler not yet implemented for: dxNoSuchMethod" in out
-    assert "[device] final /tmp/cloud_conn_state = 1" in out
+    assert "[device] /tmp/cloud_conn_state = 1" in out
+    assert "[device] connection state reached 1 during the tour" in out
     assert "demo: tour complete" in out
