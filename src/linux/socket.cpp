@@ -106,13 +106,14 @@ void closeSocket(int fd)
 {
     if (fd == -1)
         return;
-    /*
-     * Another thread may be waiting in select() on this descriptor; close()
-     * alone would leave it asleep for up to 40 seconds while it holds the
-     * connection's read side.  shutdown() wakes it at once.
-     */
-    shutdown(fd, SHUT_RDWR);
+    shutdownSocket(fd);
     close(fd);
+}
+
+void shutdownSocket(int fd)
+{
+    if (fd != -1)
+        shutdown(fd, SHUT_RDWR);
 }
 
 void setSocketNonBlocking(int fd)

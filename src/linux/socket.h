@@ -11,6 +11,8 @@ int connectSocket(const char *host, int port);
 int readSocket(int fd, void *buf, unsigned int n);
 int writeSocket(int fd, const void *buf, unsigned int n);
 void closeSocket(int fd);
+/* Ends both directions at once, waking any thread waiting on fd. */
+void shutdownSocket(int fd);
 void setSocketNonBlocking(int fd);
 /* Waits until fd is readable: 1 ready, 0 time-out, -1 error (EINTR resumed). */
 int waitSocketReadable(int fd, int seconds);

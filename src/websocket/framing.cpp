@@ -188,7 +188,11 @@ void wbsClose(WbsConnection *conn)
     wbsWriteBytes(conn, frame, sizeof frame);
     if (conn->useTls == 1)
         disconnectSslSocket(&conn->tls);
-    closeSocket(conn->fd);
+    /* Wakes a reader waiting on the socket at once (instead of after its
+     * 40-second wait); the descriptor itself is closed by the next connect. */
+    shutdownSocket(conn->fd);
+    closeSocket(conn->retiredFd);
+    conn->retiredFd = conn->fd;
     conn->fd = -1;
     conn->state = WBS_STATE_CLOSED;
     unlockMutex(&conn->writeLock);

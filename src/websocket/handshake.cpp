@@ -159,12 +159,15 @@ int readServerHandshake(WbsConnection *conn)
 
 int connectWebsocket(WbsConnection *conn)
 {
+    /* Runs while no reader or writer uses the connection: sockets of the
+     * last connection and of a failed earlier attempt can be closed now. */
+    closeSocket(conn->retiredFd);
+    conn->retiredFd = -1;
+    closeSocket(conn->fd);
+    conn->fd = -1;
     int fd = connectSocket(conn->host, conn->port);
     if (fd == -1)
         return 0;
-    /* A socket left open by a failed earlier attempt is closed first. */
-    if (conn->fd != -1 && conn->fd != fd)
-        closeSocket(conn->fd);
     conn->fd = fd;
     conn->state = WBS_STATE_OPEN;
     if (conn->useTls == 1 && connectSslSocket(&conn->tls, fd) == 0) {

@@ -21,6 +21,7 @@
 #include <strings.h>
 
 #include "linux/mutex.h"
+#include "linux/socket.h"
 #include "util/debug.h"
 
 /* Like sscanf's %d: blanks, optional sign, at least one digit. */
@@ -110,6 +111,7 @@ WbsConnection *initWebsocketConnection(const char *url, const char *origin,
         static_cast<WbsConnection *>(calloc(1, sizeof(WbsConnection)));
     KC_ASSERT(NULL != conn, "((void *)0) != wbsConnection");
     conn->fd = -1;
+    conn->retiredFd = -1;
     conn->state = WBS_STATE_CONNECTING;
     initMutex(&conn->readLock);
     initMutex(&conn->writeLock);
@@ -140,6 +142,7 @@ void freeWebsocketConnection(WbsConnection *conn)
         conn->onClose = NULL;
         wbsClose(conn);
     }
+    closeSocket(conn->retiredFd);
     deleteMutex(&conn->writeLock);
     deleteMutex(&conn->readLock);
     if (conn->useTls)

@@ -32,6 +32,11 @@ typedef void (*WbsCallback)(void);
 
 struct WbsConnection {
     int fd;
+    /* Descriptor of the last connection, shut down but not yet closed: a
+     * reader or writer may still be about to use the number, which must not
+     * be handed to another file meanwhile.  Closed by the next connect,
+     * which runs while nobody uses the connection. */
+    int retiredFd;
     pthread_mutex_t readLock;
     pthread_mutex_t writeLock;
     unsigned char key[16];

@@ -104,6 +104,17 @@ class Agent(object):
             time.sleep(0.05)
         raise AssertionError("korvat-cloud is not running in the device")
 
+    def threads(self, at_least=5, timeout=10.0):
+        """In-device ids of the agent's threads, once at least `at_least`
+        run (main, receiving and three sending threads after connecting)."""
+        deadline = time.monotonic() + timeout
+        while True:
+            found = self.device.find("korvat-cloud")
+            tids = [tid for tid, _ in found[0]["threads"]] if found else []
+            if len(tids) >= at_least or time.monotonic() > deadline:
+                return tids
+            time.sleep(0.05)
+
     def state(self):
         text = self.device.read_file("/tmp/cloud_conn_state")
         return None if text is None else text.strip()

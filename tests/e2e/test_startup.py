@@ -118,8 +118,8 @@ def test_sigterm_to_main_thread_closes_and_reconnects_promptly(server, start_age
 def test_sigterm_to_a_worker_thread_only_reports(device, server, start_agent):
     agent = start_agent(server.url)
     conn = server.wait_for_connection(15)
-    proc = device.find("korvat-cloud")[0]
-    worker = [tid for tid, _ in proc["threads"] if tid != proc["pid"]][0]
+    main = agent.main_tid()
+    worker = [tid for tid in agent.threads() if tid != main][0]
     device.signal_thread(worker, signal.SIGTERM)
     agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
     assert conn.is_open
