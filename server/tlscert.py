@@ -5,7 +5,9 @@ directory (a new temporary one by default) with the openssl command-line tool;
 server_context() builds a server-side SSLContext that keeps issuing session
 tickets and caching session ids, so that a client can resume its sessions.
 """
+import atexit
 import os
+import shutil
 import ssl
 import subprocess
 import tempfile
@@ -18,6 +20,8 @@ def make_self_signed(directory=None, days=2):
     """Create (or reuse) a self-signed certificate; return (certfile, keyfile)."""
     if directory is None:
         directory = tempfile.mkdtemp(prefix="korvat-cert-")
+        # the process loaded the files into its contexts; drop them at exit
+        atexit.register(shutil.rmtree, directory, True)
     os.makedirs(directory, exist_ok=True)
     cert = os.path.join(directory, CERT_NAME)
     key = os.path.join(directory, KEY_NAME)
