@@ -128,3 +128,18 @@ def test_reply_without_method_is_dumped_uncoloured(connected):
     text = "\n".join(block)
     assert json.loads(text)["id"] == "10"
     assert "\x1b[" not in text
+
+
+def test_deeply_nested_request_is_answered_not_crashed(connected):
+    agent, server = connected
+    # nearly as deep as the JSON parser accepts (1000 levels in all),
+    # which the worker threads' stacks must hold
+    depth = 998
+    text = '{"jsonrpc":"2.0","id":"deep","method":"dxNoSuchMethod","params":%s}' % (
+        "[" * depth + "]" * depth)
+    reply = server.request_raw(text, expect_id="deep", timeout=15)
+    assert reply.data["error"]["code"] == -32601
+    nested_array = "[" * depth + "]" * depth
+    reply = server.request_raw(nested_array, expect_id=None, timeout=15)
+    assert reply.raw == error_text("null", -32600, "The JSON sent is not a valid Request object")
+    assert agent.alive()
