@@ -42,8 +42,15 @@ def test_debug_flag_turns_on_debug_lines(server, start_agent):
         r"^\[PID \d+\]\[FUNC nimb_sdk\.cpp::establishWbsConnection\]\[LINE 378\]: "
         r"<< pthread create and start >>$"))
     server.request("dxGetAbout", {"deviceId": MAC})
-    agent.out.wait_for(re.compile(
+    i = agent.out.wait_for(re.compile(
         r"^\[PID \d+\]\[FUNC nimb_client\.cpp::main\]\[LINE 126\]: processing genericCommandHandler\.\.\.$"))
+    # each thread prints its own id, as each thread has its own process id
+    # on the device; the main thread's is the process id
+    main_pid = int(re.match(r"^\[PID (\d+)\]", agent.out.lines[i]).group(1))
+    assert main_pid == agent.main_tid()
+    j = agent.out.wait_for(re.compile(r"\[FUNC nimb_sdk\.cpp::queueWriter\]\[LINE 571\]"))
+    reader_pid = int(re.match(r"^\[PID (\d+)\]", agent.out.lines[j]).group(1))
+    assert reader_pid != main_pid and reader_pid in agent.threads()
 
 
 def test_other_first_word_is_taken_as_no_debug(server, start_agent):
