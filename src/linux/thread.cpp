@@ -20,7 +20,9 @@
 #endif
 #endif
 
+#ifndef KC_SANITIZED
 static const size_t kThreadStackSize = 256 * 1024;
+#endif
 
 int currentThreadId(void)
 {

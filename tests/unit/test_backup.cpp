@@ -1,0 +1,146 @@
+/*
+ * Snapshot of a queue into its backup file: the count line and one
+ * unformatted tree a line, oldest first; an empty queue leaves an older
+ * file alone; a wrapped ring writes its negative count and no items; the
+ * queue itself is not changed.  All files live in a private directory.
+ */
+#include <gtest/gtest.h>
+
+#include "test_support.h"
+#include "util/kapri_util.h"
+
+using namespace kctest;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+class BackupTest : public ::testing::Test {
+protected:
+    void SetUp() override { initQueue(&q, QUEUE_CAPACITY); }
+    void TearDown() override
+    {
+        drainReplies(q);
+        deleteQueue(&q);
+    }
+    void put(const char *text) { ASSERT_EQ(1, produceObject(&q, cJSON_Parse(text), PRODUCE_BLOCKING)); }
+    void take(int n)
+    {
+        for (int i = 0; i < n; i++) {
+            cJSON *tree = nullptr;
+            consumeObject(&q, &tree);
+            cJSON_Delete(tree);
+        }
+    }
+    std::string backup(const std::string &name)
+    {
+        CaptureStdout();
+        backup_queue(&q, dir.file(name).c_str());
+        return GetCapturedStdout();
+    }
+
+    JsonQueue q;
+    TempDir dir;
+};
+
+const char kFirst[] = "{\"jsonrpc\":\"2.0\",\"id\":\"1\",\"method\":\"dxGetAbout\",\"params\":{\"deviceId\":\"a\"}}";
+const char kSecond[] = "{\"jsonrpc\":\"2.0\",\"id\":\"2\",\"method\":\"vekGetStatus\",\"params\":{}}";
+
+} // namespace
+
+TEST_F(BackupTest, TwoQueuedTreesGiveACountAndOneLineEach)
+{
+    put("{ \"jsonrpc\" : \"2.0\", \"id\" : \"1\", \"method\" : \"dxGetAbout\",\n"
+        "  \"params\" : { \"deviceId\" : \"a\" } }");
+    put(kSecond);
+    EXPECT_EQ("", backup("recv.backup"));
+    EXPECT_EQ(std::string("2\n") + kFirst + "\n" + kSecond + "\n", dir.read("recv.backup"));
+
+    // The queue is left as it was.
+    EXPECT_EQ(2, filledCount(q));
+    cJSON *tree = nullptr;
+    consumeObject(&q, &tree);
+    EXPECT_STREQ("1", jsonGetString(tree, "id"));
+    cJSON_Delete(tree);
+}
+
+TEST_F(BackupTest, ExistingFileIsReplaced)
+{
+    dir.write("sent.backup", "5\nold\nold\nold\nold\nold\nmore old text\n");
+    put(kSecond);
+    backup("sent.backup");
+    EXPECT_EQ(std::string("1\n") + kSecond + "\n", dir.read("sent.backup"));
+}
+
+TEST_F(BackupTest, ItemsFromTheConsumerIndexOn)
+{
+    put(kFirst);
+    put(kSecond);
+    put(kFirst);
+    take(1);
+    backup("recv.backup");
+    EXPECT_EQ(std::string("2\n") + kSecond + "\n" + kFirst + "\n", dir.read("recv.backup"));
+}
+
+TEST_F(BackupTest, EmptyQueueLeavesAnOlderFileUntouched)
+{
+    dir.write("recv.backup", "1\n{\"older\":true}\n");
+    EXPECT_EQ("Func backup_queue: Queue is emtpy\n", backup("recv.backup"));
+    EXPECT_EQ("1\n{\"older\":true}\n", dir.read("recv.backup"));
+
+    EXPECT_EQ("Func backup_queue: Queue is emtpy\n", backup("none.backup"));
+    EXPECT_FALSE(dir.exists("none.backup"));
+}
+
+TEST_F(BackupTest, DrainedQueueCountsAsEmpty)
+{
+    put(kFirst);
+    take(1);
+    dir.write("recv.backup", "old");
+    backup("recv.backup");
+    EXPECT_EQ("old", dir.read("recv.backup"));
+}
+
+TEST_F(BackupTest, WrappedRingWritesANegativeCountAndNoItems)
+{
+    for (int i = 0; i < 9; i++)
+        put(kFirst);
+    take(9); // both indices at 9
+    put(kFirst);
+    put(kSecond); // producer index 1, consumer index 9
+    ASSERT_EQ(1, q.producerIndex);
+    ASSERT_EQ(9, q.consumerIndex);
+    backup("recv.backup");
+    EXPECT_EQ("-8\n", dir.read("recv.backup"));
+    EXPECT_EQ(2, filledCount(q));
+}
+
+TEST_F(BackupTest, FullRingCountsAsEmpty)
+{
+    for (int i = 0; i < 10; i++)
+        put(kFirst);
+    dir.write("recv.backup", "old");
+    EXPECT_EQ("Func backup_queue: Queue is emtpy\n", backup("recv.backup"));
+    EXPECT_EQ("old", dir.read("recv.backup"));
+}
+
+TEST_F(BackupTest, MissingQueueOrNameIsReported)
+{
+    CaptureStdout();
+    backup_queue(nullptr, dir.file("x").c_str());
+    backup_queue(&q, nullptr);
+    EXPECT_EQ("Func backup_queue: Queue or backup filename is NULL!\n"
+              "Func backup_queue: Queue or backup filename is NULL!\n",
+              GetCapturedStdout());
+    EXPECT_FALSE(dir.exists("x"));
+}
+
+TEST_F(BackupTest, UnwritableFileIsReportedWithTheNameFirst)
+{
+    put(kFirst);
+    std::string path = dir.file("no/such/dir/recv.backup");
+    CaptureStdout();
+    backup_queue(&q, path.c_str());
+    EXPECT_EQ("Func " + path + ": Fail To Open File backup_queue!\n", GetCapturedStdout());
+    EXPECT_EQ(1, filledCount(q));
+}

@@ -1,0 +1,276 @@
+/*
+ * The bounded queues of JSON trees and the connection lock: ten requests
+ * fit, the eleventh non-blocking one is answered with error 10002 and
+ * dropped, order is kept across the ring's wrap, a blocking producer waits
+ * for a free slot, and a waiting writer keeps new readers out.
+ */
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <set>
+#include <thread>
+
+#include "test_support.h"
+
+using namespace kctest;
+
+namespace {
+
+cJSON *request(int n)
+{
+    std::string text = "{\"jsonrpc\":\"2.0\",\"id\":\"" + std::to_string(n) +
+                       "\",\"method\":\"dxGetAbout\",\"params\":{}}";
+    return cJSON_Parse(text.c_str());
+}
+
+std::string idOf(const cJSON *tree)
+{
+    const char *id = jsonGetString(tree, "id");
+    return id != nullptr ? id : "<none>";
+}
+
+/* Records every pointer cJSON frees while installed. */
+std::set<void *> *s_freed = nullptr;
+void recordingFree(void *p)
+{
+    if (s_freed != nullptr)
+        s_freed->insert(p);
+    free(p);
+}
+
+class LocalQueue {
+public:
+    LocalQueue() { initQueue(&q, QUEUE_CAPACITY); }
+    ~LocalQueue()
+    {
+        drainReplies(q);
+        deleteQueue(&q);
+    }
+    JsonQueue q;
+};
+
+bool waitFor(const std::function<bool()> &condition, int ms = 3000)
+{
+    for (int waited = 0; waited < ms; waited += 5) {
+        if (condition())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
+
+} // namespace
+
+TEST(JsonQueue, StartsEmptyWithTenFreeSlots)
+{
+    LocalQueue lq;
+    EXPECT_EQ(10, freeSlotCount(&lq.q));
+    EXPECT_EQ(0, filledCount(lq.q));
+    EXPECT_EQ(0, lq.q.producerIndex);
+    EXPECT_EQ(0, lq.q.consumerIndex);
+}
+
+TEST(JsonQueue, EleventhRequestIsAnsweredWithTooManyItemsAndDropped)
+{
+    drainReplies();
+    for (int i = 0; i < 10; i++)
+        ASSERT_EQ(1, produceObject(&g_recvQueue, request(i), PRODUCE_NONBLOCKING));
+    EXPECT_EQ(0, freeSlotCount(&g_recvQueue));
+
+    std::set<void *> freed;
+    s_freed = &freed;
+    cJSON_Hooks hooks = {malloc, recordingFree};
+    cJSON_InitHooks(&hooks);
+    cJSON *eleventh = request(10);
+    int queued = produceObject(&g_recvQueue, eleventh, PRODUCE_NONBLOCKING);
+    cJSON_InitHooks(nullptr);
+    s_freed = nullptr;
+
+    EXPECT_EQ(0, queued);
+    EXPECT_EQ(1u, freed.count(eleventh)) << "the refused request was not deleted";
+    std::vector<std::string> replies = drainReplies();
+    ASSERT_EQ(1u, replies.size());
+    EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":\"10\",\"error\":{\"code\":10002,"
+              "\"message\":\"Too many items in a list\",\"data\":\"\"}}",
+              replies[0]);
+
+    // The ten queued requests come out in order; the eleventh never does.
+    for (int i = 0; i < 10; i++) {
+        cJSON *tree = nullptr;
+        readJsonCommand(&tree);
+        EXPECT_EQ(std::to_string(i), idOf(tree));
+        cJSON_Delete(tree);
+    }
+    EXPECT_EQ(0, filledCount(g_recvQueue));
+    EXPECT_EQ(10, freeSlotCount(&g_recvQueue));
+}
+
+TEST(JsonQueue, OrderIsKeptAcrossTheWrapOfTheRing)
+{
+    LocalQueue lq;
+    int next = 0, expected = 0;
+    // Interleave so that the indices wrap several times.
+    for (int round = 0; round < 5; round++) {
+        for (int i = 0; i < 7; i++)
+            ASSERT_EQ(1, produceObject(&lq.q, request(next++), PRODUCE_BLOCKING));
+        for (int i = 0; i < 7; i++) {
+            cJSON *tree = nullptr;
+            consumeObject(&lq.q, &tree);
+            EXPECT_EQ(std::to_string(expected++), idOf(tree));
+            cJSON_Delete(tree);
+        }
+    }
+    EXPECT_EQ((35 % 10), lq.q.producerIndex);
+    EXPECT_EQ((35 % 10), lq.q.consumerIndex);
+}
+
+TEST(JsonQueue, FullQueueRefusesWithoutTouchingQueuedTrees)
+{
+    LocalQueue lq;
+    drainReplies();
+    for (int i = 0; i < 10; i++)
+        ASSERT_EQ(1, produceObject(&lq.q, request(i), PRODUCE_NONBLOCKING));
+    EXPECT_EQ(0, produceObject(&lq.q, request(98), PRODUCE_NONBLOCKING));
+    EXPECT_EQ(0, produceObject(&lq.q, request(99), PRODUCE_NONBLOCKING));
+    std::vector<std::string> replies = drainReplies();
+    ASSERT_EQ(2u, replies.size());
+    EXPECT_NE(std::string::npos, replies[0].find("\"id\":\"98\""));
+    EXPECT_NE(std::string::npos, replies[1].find("\"id\":\"99\""));
+    EXPECT_EQ(10, filledCount(lq.q));
+    cJSON *first = nullptr;
+    consumeObject(&lq.q, &first);
+    EXPECT_EQ("0", idOf(first));
+    cJSON_Delete(first);
+}
+
+TEST(JsonQueue, BlockingProducerResumesWhenOneTreeIsTaken)
+{
+    LocalQueue lq;
+    for (int i = 0; i < 10; i++)
+        ASSERT_EQ(1, produceObject(&lq.q, request(i), PRODUCE_BLOCKING));
+
+    std::atomic<int> result{-1};
+    std::thread producer([&] { result = produceObject(&lq.q, request(10), PRODUCE_BLOCKING); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(-1, result.load()) << "a blocking producer went past a full queue";
+
+    cJSON *tree = nullptr;
+    consumeObject(&lq.q, &tree);
+    EXPECT_EQ("0", idOf(tree));
+    cJSON_Delete(tree);
+
+    EXPECT_TRUE(waitFor([&] { return result.load() == 1; }));
+    producer.join();
+    for (int i = 1; i <= 10; i++) {
+        consumeObject(&lq.q, &tree);
+        EXPECT_EQ(std::to_string(i), idOf(tree));
+        cJSON_Delete(tree);
+    }
+}
+
+TEST(JsonQueue, ConsumerWaitsForAProducer)
+{
+    LocalQueue lq;
+    std::atomic<cJSON *> got{nullptr};
+    std::thread consumer([&] {
+        cJSON *tree = nullptr;
+        consumeObject(&lq.q, &tree);
+        got = tree;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(nullptr, got.load());
+    cJSON *tree = request(5);
+    produceObject(&lq.q, tree, PRODUCE_BLOCKING);
+    EXPECT_TRUE(waitFor([&] { return got.load() != nullptr; }));
+    consumer.join();
+    EXPECT_EQ(tree, got.load());
+    cJSON_Delete(tree);
+}
+
+TEST(JsonQueue, RepliesAndMessagesGoToTheirOwnQueues)
+{
+    drainReplies();
+    writeJsonReply(request(1));
+    writeJsonStatus(request(2));
+    writeJsonEvent(request(3));
+    EXPECT_EQ(1, filledCount(g_sendQueues[SEND_QUEUE_REPLY]));
+    EXPECT_EQ(1, filledCount(g_sendQueues[SEND_QUEUE_STATUS]));
+    EXPECT_EQ(1, filledCount(g_sendQueues[SEND_QUEUE_EVENT]));
+    EXPECT_NE(std::string::npos, drainReplies()[0].find("\"id\":\"1\""));
+    EXPECT_NE(std::string::npos,
+              drainReplies(g_sendQueues[SEND_QUEUE_STATUS])[0].find("\"id\":\"2\""));
+    EXPECT_NE(std::string::npos,
+              drainReplies(g_sendQueues[SEND_QUEUE_EVENT])[0].find("\"id\":\"3\""));
+}
+
+TEST(ConnectionLock, ReadersShareTheLock)
+{
+    ConnectionLock lock;
+    initConnectionLock(&lock);
+    connectionReadLock(&lock);
+    std::atomic<bool> second{false};
+    std::thread reader([&] {
+        connectionReadLock(&lock);
+        second = true;
+        connectionReadUnlock(&lock);
+    });
+    EXPECT_TRUE(waitFor([&] { return second.load(); }));
+    reader.join();
+    connectionReadUnlock(&lock);
+    deleteConnectionLock(&lock);
+}
+
+TEST(ConnectionLock, WriterIsAlone)
+{
+    ConnectionLock lock;
+    initConnectionLock(&lock);
+    connectionWriteLock(&lock);
+    std::atomic<bool> readerIn{false};
+    std::thread reader([&] {
+        connectionReadLock(&lock);
+        readerIn = true;
+        connectionReadUnlock(&lock);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(readerIn.load());
+    connectionWriteUnlock(&lock);
+    EXPECT_TRUE(waitFor([&] { return readerIn.load(); }));
+    reader.join();
+    deleteConnectionLock(&lock);
+}
+
+TEST(ConnectionLock, WaitingWriterKeepsNewReadersOut)
+{
+    ConnectionLock lock;
+    initConnectionLock(&lock);
+    connectionReadLock(&lock); // the first reader holds the lock
+
+    std::atomic<int> order{0};
+    std::atomic<int> writerAt{0}, readerAt{0};
+    std::thread writer([&] {
+        connectionWriteLock(&lock);
+        writerAt = ++order;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        connectionWriteUnlock(&lock);
+    });
+    ASSERT_TRUE(waitFor([&] { return lock.writers == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+
+    std::thread lateReader([&] {
+        connectionReadLock(&lock);
+        readerAt = ++order;
+        connectionReadUnlock(&lock);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(0, writerAt.load()) << "the writer went in beside a reader";
+    EXPECT_EQ(0, readerAt.load()) << "a new reader overtook the waiting writer";
+
+    connectionReadUnlock(&lock);
+    writer.join();
+    lateReader.join();
+    EXPECT_EQ(1, writerAt.load());
+    EXPECT_EQ(2, readerAt.load());
+    EXPECT_EQ(0, lock.readers);
+    EXPECT_EQ(0, lock.writers);
+    deleteConnectionLock(&lock);
+}
