@@ -69,3 +69,12 @@ set(ENV{PKG_CONFIG_LIBDIR} "${KORVAT_MIPS_SYSROOT}/usr/lib/pkgconfig:${KORVAT_MI
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${KORVAT_MIPS_SYSROOT}")
 set(ENV{PKG_CONFIG_PATH} "")
 set(PKG_CONFIG_USE_CMAKE_PREFIX_PATH OFF)
+
+# Target programs built here (the unit tests) run under qemu-mips user
+# emulation; CTest and gtest_discover_tests prefix them with this.
+find_program(KORVAT_QEMU_MIPS NAMES qemu-mips qemu-mips-static)
+if(KORVAT_QEMU_MIPS)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${KORVAT_QEMU_MIPS}
+      -L ${KORVAT_MIPS_TOOLCHAIN_ROOT}
+      -E LD_LIBRARY_PATH=${KORVAT_MIPS_SYSROOT}/usr/lib)
+endif()

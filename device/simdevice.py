@@ -14,6 +14,7 @@ import tempfile
 import time
 
 DEVICE_DIR = os.path.dirname(os.path.abspath(__file__))
+TOP_DIR = os.path.dirname(DEVICE_DIR)
 SIM_DIR = os.path.join(DEVICE_DIR, "sim")
 TEMPLATE = os.path.join(DEVICE_DIR, "template")
 PYTHON = "/usr/bin/python3"
@@ -38,6 +39,25 @@ SYSLOG = ("Nov 15 23:12:20 VK310 kern.notice kernel: [    0.000000] Linux "
           "Nov 15 23:12:24 VK310 kern.info kernel: br-lan: port 1(eth0) "
           "entered forwarding state\n"
           "Nov  5 08:01:02 VK310 user.notice root: system ready\n")
+
+
+# Target mode (SIMDEVICE_TARGET=mips): the agent is the big-endian MIPS
+# build.  The sandbox is started through target/qemu-binfmt.sh, which
+# registers qemu-mips in a private binfmt_misc instance of an outer user
+# namespace, so the MIPS binary runs as if native and keeps its name.
+TARGET = os.environ.get("SIMDEVICE_TARGET", "")
+QEMU_BINFMT = os.path.join(TOP_DIR, "target", "qemu-binfmt.sh")
+_guest_root = None
+
+
+def target_guest_root():
+    """Library root of the emulated target (qemu's QEMU_LD_PREFIX)."""
+    global _guest_root
+    if _guest_root is None:
+        out = subprocess.run([QEMU_BINFMT, "guest-root"], check=True,
+                             stdout=subprocess.PIPE, text=True).stdout
+        _guest_root = out.strip().splitlines()[-1]
+    return _guest_root
 
 
 def create_run_dir(path=None, template=TEMPLATE):
@@ -137,6 +157,9 @@ def sandbox_args(run, cmd, agent=None, env=None, net="host", binds=(),
           "--dev", "/dev", "--tmpfs", "/run", "--tmpfs", "/var",
           "--symlink", "../run", "/var/run", "--dir", "/var/log",
           "--tmpfs", "/root"]
+    if TARGET:
+        guest = target_guest_root()
+        binds = list(binds) + [(guest, guest)]
     for src, dest, *rw in binds:
         a += ["--bind" if rw and rw[0] else "--ro-bind",
               os.path.abspath(src), dest]
@@ -147,8 +170,14 @@ def sandbox_args(run, cmd, agent=None, env=None, net="host", binds=(),
         pre.append(dest)
     envs = {"PATH": PATH, "HOME": "/root", "TERM": "dumb", "USER": "root",
             "LOGNAME": "root", "SHELL": "/bin/sh"}
-    if pre:
+    if pre and TARGET:
+        # Only the emulated agent gets the (target) shim; qemu itself and the
+        # host tools the agent runs must not see it.
+        envs["QEMU_SET_ENV"] = "LD_PRELOAD=" + ":".join(pre)
+    elif pre:
         envs["LD_PRELOAD"] = ":".join(pre)
+    if TARGET:
+        envs["QEMU_LD_PREFIX"] = target_guest_root()
     envs.update(env or {})
     a.append("--clearenv")
     for k, v in envs.items():
@@ -179,7 +208,10 @@ def bwrap_command(run, cmd, **kw):
     args = sandbox_args(run, cmd, info_fd=info, **kw)
     cut = args.index("--")
     fd = _args_fd(run, args[:cut])
-    return ["bwrap", "--args", str(fd)] + args[cut:], (fd, info)
+    argv = ["bwrap", "--args", str(fd)] + args[cut:]
+    if TARGET:
+        argv = [QEMU_BINFMT, "run", "--"] + argv
+    return argv, (fd, info)
 
 
 def _tgkill(tgid, tid, sig):

@@ -9,8 +9,9 @@
  * deepest stack use is a shell command run through popen plus cJSON printing
  * (recursive, a few hundred bytes a level).  256 KiB leaves ample room for
  * that while keeping seven threads well under 2 MiB of reserved stack,
- * instead of glibc's default of 8 MiB each.  Sanitizer builds need larger
- * frames, so they keep the default.
+ * instead of glibc's default of 8 MiB each (target/footprint.sh prints the
+ * resulting figures on the target).  Sanitizer builds need larger frames,
+ * so they keep the default.
  */
 #if defined(__SANITIZE_ADDRESS__)
 #define KC_SANITIZED 1

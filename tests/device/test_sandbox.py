@@ -55,7 +55,9 @@ def test_agent_binary_and_killall(device, tmp_path):
     assert len(procs) == 1 and procs[0]["cmdline"][0] == \
         "/usr/bin/korvat-cloud"
     r = device.exec(["killall", "-9", "korvat-cloud"])
-    assert r.returncode == 0
+    # The sandbox ends with its main program, and the kernel then kills
+    # whatever still runs in it: killall may be taken before it exits.
+    assert r.returncode in (0, -9), r
     assert p.wait(10) == 128 + 9
     assert "killall -9 korvat-cloud" in device.journal()
 

@@ -72,6 +72,11 @@ class Stream(object):
                         pattern, timeout, "\n".join(self.lines[-40:])))
                 self._cond.wait(left)
 
+    def wait_eof(self, timeout=10.0):
+        """Wait until the stream is closed and every line is gathered."""
+        self._thread.join(timeout)
+        assert not self._thread.is_alive(), "stream still open"
+
     def count(self, text):
         with self._cond:
             return sum(1 for line in self.lines if line == text)
@@ -88,7 +93,11 @@ class Agent(object):
         self.expect_abort = False
 
     def wait_exit(self, timeout=10.0):
-        return self.proc.wait(timeout)
+        """Exit status of the launcher, once every output line is in."""
+        status = self.proc.wait(timeout)
+        self.out.wait_eof()
+        self.err.wait_eof()
+        return status
 
     def alive(self):
         return self.proc.poll() is None

@@ -125,8 +125,11 @@ def test_sigterm_to_main_thread_closes_and_reconnects_promptly(server, start_age
 def test_sigterm_to_a_worker_thread_only_reports(device, server, start_agent):
     agent = start_agent(server.url)
     conn = server.wait_for_connection(15)
-    main = agent.main_tid()
-    worker = [tid for tid in agent.threads() if tid != main][0]
+    # The sending thread's id, as it prints it (under emulation the process
+    # also holds the emulator's own helper threads).
+    i = agent.out.wait_for(re.compile(r"^\[PID \d+\]\[FUNC nimb_sdk.cpp::queueWriter\]"))
+    worker = int(re.match(r"\[PID (\d+)\]", agent.out.lines[i]).group(1))
+    assert worker != agent.main_tid() and worker in agent.threads()
     device.signal_thread(worker, signal.SIGTERM)
     agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
     assert conn.is_open
@@ -137,6 +140,8 @@ def test_sigterm_to_a_worker_thread_only_reports(device, server, start_agent):
 def test_sigterm_to_the_recorded_thread_saves_queues_and_kills(device, server, start_agent):
     agent = start_agent(server.url)
     server.wait_for_connection(15)
+    # the queues exist once the main thread waits for requests
+    agent.out.wait_for(re.compile(r"\]\[FUNC nimb_sdk.cpp::readJsonCommand\]"))
     tid = agent.main_tid()
     device.write_file("/tmp/cloud_timer_pid", "99999\n%d\n" % tid)
     device.signal(tid, signal.SIGTERM)
@@ -144,7 +149,7 @@ def test_sigterm_to_the_recorded_thread_saves_queues_and_kills(device, server, s
     device.wait_journal("killall -9 korvat-cloud")
     assert agent.wait_exit(10) == 128 + signal.SIGKILL
     # nothing was queued, so no backup file was written
-    assert agent.out.count("Func backup_queue: Queue is emtpy") == 4
+    assert agent.out.count("Func backup_queue: Queue is emtpy") == 4, "\n".join(agent.out.lines[-12:])
     assert not device.exists("/etc/cloud_recv_cmd.backup")
 
 

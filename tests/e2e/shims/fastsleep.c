@@ -2,7 +2,9 @@
  * Test shim preloaded into the agent (LD_PRELOAD) to fast-forward its
  * reconnect back-off: every sleep(N) is written as "sleep N" to the file
  * named by FASTSLEEP_LOG and then lasts N * FASTSLEEP_SCALE seconds
- * (default 0.001).  The agent binary itself is not changed.
+ * (default 0.001).  The agent binary itself is not changed.  The shim is
+ * for the agent alone: it drops LD_PRELOAD at load time, so the device tools
+ * the agent runs do not inherit it (under qemu they could not load it).
  */
 #define _GNU_SOURCE
 #include <fcntl.h>
@@ -11,6 +13,11 @@
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
+
+__attribute__((constructor)) static void fastsleep_init(void)
+{
+    unsetenv("LD_PRELOAD");
+}
 
 unsigned int sleep(unsigned int seconds)
 {
