@@ -41,7 +41,10 @@ agent_pid=""
 watch_pid=""
 cleanup() {
     device/run-device stop "$run" >/dev/null 2>&1 || true
-    for pid in $watch_pid $server_pid $agent_pid; do
+    # Commands started with & here ignore SIGINT, so the server is ended by
+    # its own pid: the pipeline's pid is only that of its last command.
+    server=$(cat "$work/server.pid" 2>/dev/null || true)
+    for pid in $server $watch_pid $server_pid $agent_pid; do
         kill "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
@@ -55,8 +58,9 @@ prefix() { sed -u "s/^/$1 /"; }
 # shellcheck disable=SC2086
 {
     status=0
-    /usr/bin/python3 -u server/device_server.py --tour $once $tls --url-file "$work/url" 2>&1 \
-        || status=$?
+    /usr/bin/python3 -u server/device_server.py --tour $once $tls --url-file "$work/url" 2>&1 &
+    echo $! > "$work/server.pid"
+    wait $! || status=$?
     echo "$status" > "$work/server.status"
 } | prefix "[server]" &
 server_pid=$!
