@@ -84,6 +84,15 @@ def test_state_file_follows_ping_close_and_reconnection(device, server, start_ag
     assert "uci get korvatCloud.korvatCloud.conn_retry" in journal
 
 
+def test_state_file_reads_zero_while_the_first_connection_is_opened(peer, start_agent):
+    agent = start_agent(peer.url())
+    peer.accept(15)
+    request = peer.read_request()
+    assert request.request_line == "GET / HTTP/1.1"
+    # the opening handshake is not answered yet: the file already says "0"
+    assert agent.state() == "0"
+
+
 def test_state_file_reads_zero_while_the_server_is_away(device, server, start_agent):
     device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
     device.uci("commit", "korvatCloud")

@@ -1,14 +1,23 @@
 /*
  * Colouring of the "method" value in the frame dumps: the colour goes right
  * after the value's opening quote and the reset right before its closing
- * quote; texts without the key, or without room, are left as they are.
+ * quote; texts without the key, or without room, are left as they are;
+ * the sending thread's dump is coloured while its frame is not.
  */
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include <pthread.h>
+
+#include "json/json_parser.h"
+#include "sdk/nimb_sdk.h"
+#include "sdk/queue_manager.h"
+#include "test_support.h"
 #include "util/kapri_util.h"
+
+ConnectionLock *nimbConnectionLock(void);
 
 namespace {
 
@@ -97,4 +106,47 @@ TEST(DumpColour, MissingArgumentsOrUnendedValuesAreLeftAlone)
     EXPECT_EQ(0, colour("{\"method\":\"x", kYellow).done);
     EXPECT_EQ(0, colour("{\"method\"", kYellow).done);
     EXPECT_EQ(0, colour("{\"method\":\"x\"}", kYellow, 32, std::string(254, 'k').c_str()).done);
+}
+
+/*
+ * The sending thread itself: a reply whose only "method" is nested is dumped
+ * in cyan at that value, while the frame on the wire carries the plain text.
+ * The thread never ends; it is left waiting on its own (static) queue.
+ */
+TEST(DumpColour, SendingThreadColoursANestedMethodInItsDumpOnly)
+{
+    static JsonQueue queue;
+    initQueue(&queue, 10);
+    initConnectionLock(nimbConnectionLock());
+    kctest::PairConnection pc;
+    WbsConnection *saved = g_wbsConnection;
+    g_wbsConnection = pc.conn;
+
+    testing::internal::CaptureStdout();
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, queueReader, &queue));
+    pthread_detach(thread);
+    const char wire[] = "{\"jsonrpc\":\"2.0\",\"id\":\"7\",\"result\":{\"method\":\"dhcp\"}}";
+    EXPECT_EQ(1, produceObject(&queue, jsonParse(wire), PRODUCE_BLOCKING));
+
+    // header (text, masked, 54 bytes), masking key, masked payload
+    std::string frame = kctest::readSome(pc.peer, 2 + 4 + strlen(wire));
+    // Once the write side is ours the thread has left its send, and the
+    // connection record can go.
+    connectionWriteLock(nimbConnectionLock());
+    g_wbsConnection = saved;
+    connectionWriteUnlock(nimbConnectionLock());
+    std::string out = testing::internal::GetCapturedStdout();
+
+    ASSERT_EQ(2 + 4 + strlen(wire), frame.size());
+    EXPECT_EQ("\x81", frame.substr(0, 1));
+    EXPECT_EQ((char)(0x80 | strlen(wire)), frame[1]);
+    std::string payload = frame.substr(6);
+    for (size_t i = 0; i < payload.size(); i++)
+        payload[i] = (char)(payload[i] ^ frame[2 + i % 4]);
+    EXPECT_EQ(wire, payload);
+
+    EXPECT_NE(std::string::npos, out.find("Sending text frame:\n")) << out;
+    EXPECT_NE(std::string::npos,
+              out.find(std::string("\"method\":\t\"") + kCyan + "dhcp" + kReset + "\"")) << out;
 }

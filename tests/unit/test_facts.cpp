@@ -53,8 +53,9 @@ TEST(Uptime, ResultFitsTwentyBytes)
     // far more (cut to 19 characters) on a 64-bit host.
     std::string text = take(format_uptime(std::numeric_limits<long>::max()));
     EXPECT_LE(text.size(), 19u);
-    if (sizeof(long) == 4)
+    if (sizeof(long) == 4) {
         EXPECT_EQ("24855d 03:14:07", text);
+    }
 }
 
 TEST(Uptime, GetterReadsWholeSeconds)

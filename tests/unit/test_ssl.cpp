@@ -241,6 +241,28 @@ TEST(TlsSocket, PeerVanishingEndsTheReadWithTheCountSoFar)
     server.join();
 }
 
+TEST(TlsSocket, FortySecondsOfSilenceGiveMinusOne)
+{
+    TlsServer server;
+    server.serve({[](SSL *ssl) {
+        SSL_write(ssl, "ab", 2);
+        awaitClientClose(ssl);
+    }});
+    TlsClient c;
+    ASSERT_EQ(1, c.connect(server.port));
+    struct pollfd pfd = {c.fd, POLLIN, 0};
+    ASSERT_EQ(1, poll(&pfd, 1, 5000)); // the record with "ab" has arrived
+    char buf[5];
+    {
+        SilentSelect silence(c.fd);
+        EXPECT_EQ(-1, readSslSocket(&c.s, buf, 5));
+        EXPECT_EQ(40, g_silentSelectSeconds.load());
+    }
+    EXPECT_EQ("ab", std::string(buf, 2));
+    c.disconnect();
+    server.join();
+}
+
 TEST(TlsSocket, FailedHandshakeLeavesNothingToDisconnect)
 {
     int port = 0;

@@ -336,6 +336,27 @@ inline int acceptWithin(int listener, int timeoutMs = 3000)
     return accept(listener, nullptr, nullptr);
 }
 
+/*
+ * Stand-in for a long silence (silent_select.cpp): while g_silentSelectFd
+ * is a descriptor, waiting for it to become readable ends at once with a
+ * time-out unless data is already there, and the bound that was asked for
+ * (in seconds) is kept in g_silentSelectSeconds.
+ */
+extern std::atomic<int> g_silentSelectFd;
+extern std::atomic<long> g_silentSelectSeconds;
+
+class SilentSelect {
+public:
+    explicit SilentSelect(int fd)
+    {
+        g_silentSelectSeconds = -1;
+        g_silentSelectFd = fd;
+    }
+    ~SilentSelect() { g_silentSelectFd = -1; }
+    SilentSelect(const SilentSelect &) = delete;
+    SilentSelect &operator=(const SilentSelect &) = delete;
+};
+
 } // namespace kctest
 
 #endif
