@@ -311,6 +311,11 @@ TEST(ServerHandshake, PeerClosingDuringHeadersEndsTheHandshake)
         return; // the record stays with the stuck thread
     }
     EXPECT_EQ(0, done.get());
+    // What the header loop met: every one-byte read now gives 0, so it
+    // takes a zero-byte read as the end instead of reading on forever.
+    char byte;
+    EXPECT_EQ(0, wbsReadBytes(pc->conn, &byte, 1));
+    EXPECT_EQ(0, wbsReadBytes(pc->conn, &byte, 1));
     delete pc;
 }
 
