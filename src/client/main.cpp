@@ -46,6 +46,12 @@ static void onReconnectionHook(void)
     system("echo 1 > /tmp/cloud_conn_state");
 }
 
+/*
+ * The thread that takes the signal decides what happens.  On the device
+ * "kill <pid>" reaches exactly the thread with that pid; here kill() on the
+ * process may be taken by any thread, so a SIGTERM meant for one thread is
+ * sent to it with tgkill (the tests do so).
+ */
 static void kapri_sig_term(int signum)
 {
     (void)signum;

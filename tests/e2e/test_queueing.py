@@ -29,7 +29,7 @@ def test_eleventh_request_while_busy_is_refused_and_never_run(device, connected)
     device.set_script("sntool", SLOW_ONCE % 3)
     device.write_file("/tmp/slow", "")
     server.send_text(about("busy"))
-    device.wait_journal("sntool")
+    assert device.wait_journal("sntool")
     for i in range(1, 12):
         server.send_text(about("q%d" % i))
     # the refusal leaves at once, ahead of every reply
@@ -64,7 +64,7 @@ def test_replies_queued_while_the_server_is_gone_arrive_after_reconnection(devic
     first = server.wait_for_connection(15)
     device.write_file("/tmp/slow", "")
     server.send_text(about("a1"))
-    device.wait_journal("sntool")
+    assert device.wait_journal("sntool")
     for name in ("a2", "a3", "a4"):
         server.send_text(about(name))
     # the server goes away while the replies are still being made

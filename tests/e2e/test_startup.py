@@ -116,7 +116,8 @@ def test_sigterm_to_main_thread_closes_and_reconnects_promptly(server, start_age
     reply = server.request("dxGetAbout", {"deviceId": MAC})
     assert "result" in reply.data
     started = time.monotonic()
-    agent.device.signal(agent.main_tid(), signal.SIGTERM)
+    # to the main thread itself: kill() on the process may pick any thread
+    agent.device.signal_thread(agent.main_tid(), signal.SIGTERM)
     first.wait_closed(10)
     agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
     second = server.wait_for_connection(15)
@@ -153,9 +154,9 @@ def test_sigterm_to_the_recorded_thread_saves_queues_and_kills(device, server, s
     agent.out.wait_for(re.compile(r"\]\[FUNC nimb_sdk.cpp::readJsonCommand\]"))
     tid = agent.main_tid()
     device.write_file("/tmp/cloud_timer_pid", "99999\n%d\n" % tid)
-    device.signal(tid, signal.SIGTERM)
+    device.signal_thread(tid, signal.SIGTERM)
     agent.out.wait_for("Backup queue commands to file...")
-    device.wait_journal("killall -9 korvat-cloud")
+    assert device.wait_journal("killall -9 korvat-cloud")
     assert agent.wait_exit(10) == 128 + signal.SIGKILL
     # nothing was queued, so no backup file was written
     assert agent.out.count("Func backup_queue: Queue is emtpy") == 4, "\n".join(agent.out.lines[-12:])
