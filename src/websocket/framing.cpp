@@ -190,9 +190,10 @@ void wbsClose(WbsConnection *conn)
         disconnectSslSocket(&conn->tls);
     /* Wakes a reader waiting on the socket at once (instead of after its
      * 40-second wait); the descriptor itself is closed by the next connect. */
-    shutdownSocket(conn->fd);
+    int fd = conn->fd;
+    shutdownSocket(fd);
     closeSocket(conn->retiredFd);
-    conn->retiredFd = conn->fd;
+    conn->retiredFd = fd;
     conn->fd = -1;
     conn->state = WBS_STATE_CLOSED;
     unlockMutex(&conn->writeLock);

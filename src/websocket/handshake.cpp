@@ -25,22 +25,26 @@ const char *lastClientHandshake(void)
     return s_request;
 }
 
+/* The descriptor is loaded once: a close running meanwhile shuts it down
+ * (the call then fails) but keeps its number until the next connect. */
 int wbsReadBytes(WbsConnection *conn, void *buf, unsigned int n)
 {
-    if (conn->fd == -1)
+    int fd = conn->fd;
+    if (fd == -1)
         return -1;
     if (conn->useTls == 1)
         return readSslSocket(&conn->tls, buf, n);
-    return readSocket(conn->fd, buf, n);
+    return readSocket(fd, buf, n);
 }
 
 int wbsWriteBytes(WbsConnection *conn, const void *buf, unsigned int n)
 {
-    if (conn->fd == -1)
+    int fd = conn->fd;
+    if (fd == -1)
         return -1;
     if (conn->useTls == 1)
         return writeSslSocket(&conn->tls, buf, n);
-    return writeSocket(conn->fd, buf, n);
+    return writeSocket(fd, buf, n);
 }
 
 static void appendLine(const char *fmt, const char *a, int b)

@@ -9,6 +9,8 @@
 #include <pthread.h>
 #include <stdint.h>
 
+#include <atomic>
+
 #include "linux/ssl.h"
 
 enum {
@@ -31,7 +33,11 @@ enum {
 typedef void (*WbsCallback)(void);
 
 struct WbsConnection {
-    int fd;
+    /* Written by the opening and closing paths (under writeLock or with the
+     * connection to themselves) while the receiving thread may be reading
+     * it under readLock: every access is one atomic load or store, so the
+     * reader never has to hold a lock across its 40-second wait. */
+    std::atomic<int> fd;
     /* Descriptor of the last connection, shut down but not yet closed: a
      * reader or writer may still be about to use the number, which must not
      * be handed to another file meanwhile.  Closed by the next connect,
