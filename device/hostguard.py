@@ -100,7 +100,7 @@ class HostGuard:
                     out.append("host %s changed" % os.path.join(root, rel))
         names = set(self.tmp_names)
         if self.device is not None:
-            names |= set(os.listdir(self.device.path("/tmp")))
+            names |= set(self.device.listdir("/tmp"))
         for n in sorted(names):
             if _stat(os.path.join("/tmp", n)) != self.tmp.get(n):
                 out.append("host /tmp/%s changed" % n)

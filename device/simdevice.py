@@ -1,8 +1,15 @@
 # Simulated access point for tests: creates a run directory from the device
 # template, starts commands (the agent binary or anything else) inside a
 # bubblewrap sandbox whose /etc, /tmp, /mnt and kernel printk file live in
-# that directory, reads the tool journal and files, and checks that nothing
-# reached the host (HostGuard).
+# that directory and whose network is the run's own (simnet.py), reads the
+# tool journal and files, and checks that nothing reached the host
+# (HostGuard).
+#
+# The run directory is writable from inside the device.  Host-side code
+# reads and writes it only through safefs (no link is ever followed), keeps
+# its own control files (sandbox pid, bwrap arguments, network pids) in a
+# sibling directory the device cannot see, and runs the simulated `uci` for
+# host-side queries inside a one-shot sandbox of its own.
 import ctypes
 import json
 import os
@@ -15,6 +22,10 @@ import time
 
 DEVICE_DIR = os.path.dirname(os.path.abspath(__file__))
 TOP_DIR = os.path.dirname(DEVICE_DIR)
+if DEVICE_DIR not in sys.path:
+    sys.path.insert(0, DEVICE_DIR)
+import safefs  # noqa: E402
+import simnet  # noqa: E402
 SIM_DIR = os.path.join(DEVICE_DIR, "sim")
 TEMPLATE = os.path.join(DEVICE_DIR, "template")
 PYTHON = "/usr/bin/python3"
@@ -60,19 +71,36 @@ def target_guest_root():
     return _guest_root
 
 
+MARKER = ".simdevice"
+
+
+def control_dir(run):
+    """Host-only directory of a run's control files (not visible inside)."""
+    return os.path.abspath(run).rstrip("/") + ".ctl"
+
+
 def create_run_dir(path=None, template=TEMPLATE):
     """Make a fresh run directory (a new temporary one when path is None)
     holding the device's etc/, tmp/, mnt/, flash/, sim/ (overrides),
-    journal.log, syslog.log and proc_printk.  Returns its path."""
+    journal.log, syslog.log and proc_printk, and its control directory.
+    A directory that was set up before is left as it is: the device may
+    have written anything into it since.  Returns its path."""
     if path is None:
         path = tempfile.mkdtemp(prefix="simdevice-")
+    path = os.path.abspath(path)
     os.makedirs(path, exist_ok=True)
+    os.makedirs(control_dir(path), mode=0o700, exist_ok=True)
+    if os.path.lexists(os.path.join(path, MARKER)):
+        return path
+    if os.listdir(path):
+        raise RuntimeError("%s is not empty and not a device run directory"
+                           % path)
     etc = os.path.join(path, "etc")
+    os.makedirs(etc)
     for name in HOST_ETC:
         src, dst = os.path.join("/etc", name), os.path.join(etc, name)
-        if os.path.lexists(dst) or not os.path.lexists(src):
+        if not os.path.lexists(src):
             continue
-        os.makedirs(etc, exist_ok=True)
         if os.path.islink(src):
             os.symlink(os.readlink(src), dst)
         elif os.path.isdir(src):
@@ -91,12 +119,11 @@ def create_run_dir(path=None, template=TEMPLATE):
              "tmp/resolv.conf": "nameserver 192.168.1.1\n",
              "tmp/resolv.conf.auto": "# Interface lan\n"
                                      "nameserver 192.168.1.1\n"
-                                     "nameserver 8.8.8.8\n"}
+                                     "nameserver 8.8.8.8\n",
+             MARKER: ""}
     for name, text in files.items():
-        p = os.path.join(path, name)
-        if not os.path.exists(p):
-            with open(p, "w") as f:
-                f.write(text)
+        with open(os.path.join(path, name), "x") as f:
+            f.write(text)
     return path
 
 
@@ -105,16 +132,16 @@ def _tool_names():
                   if n != "sim-service")
 
 
-def sandbox_args(run, cmd, agent=None, env=None, net="host", binds=(),
+def sandbox_args(run, cmd, agent=None, env=None, binds=(),
                  preload=(), hostname="VK310", info_fd=None, cwd="/",
                  shell="busybox"):
     """bwrap arguments that run `cmd` as the simulated device of `run`.
-    /bin/sh is BusyBox ash as on the device (shell="host": the host's)."""
+    /bin/sh is BusyBox ash as on the device (shell="host": the host's).
+    The network namespace is the caller's: bwrap_command joins the run's
+    device network before bwrap starts."""
     run = os.path.abspath(run)
     a = ["--unshare-user", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
          "--unshare-cgroup-try"]
-    if net != "host":
-        a.append("--unshare-net")
     a += ["--die-with-parent", "--new-session", "--cap-drop", "ALL",
           "--hostname", hostname]
     # Read-only host system; /bin, /sbin and friends as on the host.
@@ -189,9 +216,10 @@ def sandbox_args(run, cmd, agent=None, env=None, net="host", binds=(),
 
 
 def _args_fd(run, args):
-    """Write the arguments NUL-separated to a file and open it for bwrap's
-    --args (keeps the long symlink list off the command line)."""
-    path = os.path.join(run, "bwrap-args")
+    """Write the arguments NUL-separated to a file of the control directory
+    and open it for bwrap's --args (keeps the long symlink list off the
+    command line)."""
+    path = os.path.join(control_dir(run), "bwrap-args")
     with open(path, "wb") as f:
         f.write(b"".join(x.encode() + b"\0" for x in args))
     fd = os.open(path, os.O_RDONLY)
@@ -199,10 +227,11 @@ def _args_fd(run, args):
     return fd
 
 
-def bwrap_command(run, cmd, **kw):
-    """(argv, fds) to start the sandbox: argv for exec/Popen, fds to pass.
-    The sandbox's host pid appears in RUN/bwrap-info.json once running."""
-    info = os.open(os.path.join(run, "bwrap-info.json"),
+def bwrap_command(run, cmd, net_ns, **kw):
+    """(argv, fds) to start the sandbox in the network namespace at net_ns:
+    argv for exec/Popen, fds to pass.  The sandbox's host pid appears in
+    the control directory's bwrap-info.json once running."""
+    info = os.open(os.path.join(control_dir(run), "bwrap-info.json"),
                    os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
     os.set_inheritable(info, True)
     args = sandbox_args(run, cmd, info_fd=info, **kw)
@@ -211,7 +240,31 @@ def bwrap_command(run, cmd, **kw):
     argv = ["bwrap", "--args", str(fd)] + args[cut:]
     if TARGET:
         argv = [QEMU_BINFMT, "run", "--"] + argv
-    return argv, (fd, info)
+    return simnet.ns_argv(net_ns, argv), (fd, info)
+
+
+def uci_sandbox_argv(run, args):
+    """argv running the simulated uci with args on the run's configuration,
+    inside a one-shot sandbox: links planted in the run directory resolve
+    inside the device's own tree, never to a host file.  Nothing is
+    journalled."""
+    run = os.path.abspath(run)
+    a = ["bwrap", "--unshare-all", "--die-with-parent", "--new-session",
+         "--cap-drop", "ALL", "--ro-bind", "/usr", "/usr"]
+    for top in ("bin", "sbin", "lib", "lib32", "lib64", "libx32"):
+        p = "/" + top
+        if os.path.islink(p):
+            a += ["--symlink", os.readlink(p), p]
+        elif os.path.isdir(p):
+            a += ["--ro-bind", p, p]
+    a += ["--ro-bind", SIM_DIR, SIM_MOUNT, "--bind", run, RUN_MOUNT,
+          "--bind", os.path.join(run, "etc"), "/etc",
+          "--bind", os.path.join(run, "tmp"), "/tmp",
+          "--tmpfs", "/nodelta", "--dev", "/dev", "--proc", "/proc",
+          "--clearenv", "--setenv", "PATH", PATH,
+          "--setenv", "SIMDEVICE_NOJOURNAL", "1", "--chdir", "/",
+          "--", PYTHON, "-S", SIM_MOUNT + "/bin/uci"]
+    return a + list(args)
 
 
 def _tgkill(tgid, tid, sig):
@@ -221,18 +274,22 @@ def _tgkill(tgid, tid, sig):
 
 
 class Device:
-    """One simulated device: its run directory and at most one running
-    sandbox (plus any processes entered into it with `exec`)."""
+    """One simulated device: its run directory, its network (simnet) and at
+    most one running sandbox (plus any processes entered into it with
+    `exec`).  The network exists from construction on, so that servers can
+    listen in its gateway namespace before the device starts."""
 
-    def __init__(self, run_dir=None, template=TEMPLATE, keep=False):
+    def __init__(self, run_dir=None, template=TEMPLATE, keep=False, net=None):
         self.created = run_dir is None
         self.run = create_run_dir(run_dir, template)
+        self.ctl = control_dir(self.run)
         self.keep = keep
         self.proc = None
-        self.net = "host"
+        self._own_net = net is None
+        self.net = simnet.DeviceNet() if net is None else net
 
     # ---- sandbox ---------------------------------------------------------
-    def start(self, cmd, agent=None, env=None, net="host", binds=(),
+    def start(self, cmd, agent=None, env=None, binds=(),
               preload=(), shell="busybox", hostname="VK310",
               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
               stderr=subprocess.PIPE, **popen_kw):
@@ -240,14 +297,15 @@ class Device:
         launcher, whose exit status is that of cmd (128+n for signal n).
         agent: host path of the agent binary, /usr/bin/korvat-cloud inside.
         env: extra environment; preload: host paths of shared objects for
-        LD_PRELOAD; binds: (host path, device path[, writable]) tuples;
-        net: "host" (reach servers on 127.0.0.1) or "private"."""
+        LD_PRELOAD; binds: (host path, device path[, writable]) tuples.
+        The device's network is always the run's own: peers listen on
+        self.net.gateway_ip inside self.net's gateway namespace."""
         if self.running():
             raise RuntimeError("device already running")
-        self.net = net
-        argv, fds = bwrap_command(self.run, cmd, agent=agent, env=env,
-                                  net=net, binds=binds, preload=preload,
-                                  shell=shell, hostname=hostname)
+        argv, fds = bwrap_command(self.run, cmd, self.net.device_ns,
+                                  agent=agent, env=env, binds=binds,
+                                  preload=preload, shell=shell,
+                                  hostname=hostname)
         try:
             self.proc = subprocess.Popen(argv, pass_fds=fds, stdin=stdin,
                                          stdout=stdout, stderr=stderr,
@@ -262,16 +320,33 @@ class Device:
         cmd = [AGENT_PATH] + (["-d"] if debug else []) + [url, mac]
         return self.start(cmd, agent=agent, **kw)
 
+    @staticmethod
+    def _sandbox_ready(pid):
+        """bwrap reports the sandbox's pid before it has finished setting up
+        the mounts; the sandbox is ready once pid 1 has a child that has
+        left bwrap (exec'd the command)."""
+        with open("/proc/%d/task/%d/children" % (pid, pid)) as f:
+            children = f.read().split()
+        for child in children:
+            try:
+                if not os.readlink("/proc/%s/exe" % child).endswith("/bwrap"):
+                    return True
+            except OSError:
+                pass
+        return False
+
     def sandbox_pid(self, timeout=5.0):
-        """Host pid of the sandbox's pid 1 (None when not running)."""
-        path = os.path.join(self.run, "bwrap-info.json")
+        """Host pid of the sandbox's pid 1 once the sandbox is set up (None
+        when not running)."""
+        path = os.path.join(self.ctl, "bwrap-info.json")
         end = time.time() + timeout
         while True:
             try:
                 with open(path) as f:
                     pid = json.load(f)["child-pid"]
                 with open("/proc/%d/comm" % pid) as f:
-                    if f.read().strip() == "bwrap":
+                    if f.read().strip() == "bwrap" and \
+                            (timeout == 0 or self._sandbox_ready(pid)):
                         return pid
             except (OSError, ValueError, KeyError):
                 pass
@@ -285,15 +360,14 @@ class Device:
         return self.proc is not None and self.proc.poll() is None
 
     def exec_argv(self, cmd, env=None):
-        """argv running cmd inside the running sandbox (same namespaces and
-        root, no capabilities)."""
+        """argv running cmd inside the running sandbox (same namespaces,
+        network included, and root, no capabilities)."""
         pid = self.sandbox_pid()
         if pid is None:
             raise RuntimeError("device not running")
         envs = ["PATH=" + PATH, "HOME=/root", "TERM=dumb"]
         envs += ["%s=%s" % kv for kv in (env or {}).items()]
-        ns = ["-U", "-m", "-p", "-i", "-u"] + (["-n"] if self.net != "host"
-                                               else [])
+        ns = ["-U", "-m", "-p", "-i", "-u", "-n"]
         return (["nsenter", "-t", str(pid)] + ns + ["-r", "-w", "--",
                 "/usr/bin/setpriv", "--bounding-set=-all", "--inh-caps=-all",
                 "--no-new-privs", "/usr/bin/env", "-i"] + envs + list(cmd))
@@ -371,6 +445,16 @@ class Device:
         """Send sig to a process given by its in-sandbox pid."""
         os.kill(self.host_tid(pid)[0], sig)
 
+    def capabilities(self, pid):
+        """Effective capability mask (int) of a sandbox process, read from
+        its /proc status on the host."""
+        host = self.host_tid(pid)[0]
+        with open("/proc/%d/status" % host) as f:
+            for line in f:
+                if line.startswith("CapEff:"):
+                    return int(line.split()[1], 16)
+        raise OSError("no CapEff")
+
     def stop(self, timeout=5.0):
         """Kill everything in the sandbox and reap the launcher.  Returns the
         launcher's exit status (None when nothing was started)."""
@@ -394,8 +478,11 @@ class Device:
 
     def close(self):
         self.stop()
+        if self._own_net:
+            self.net.close()
         if self.created and not self.keep:
             shutil.rmtree(self.run, ignore_errors=True)
+            shutil.rmtree(self.ctl, ignore_errors=True)
 
     def __enter__(self):
         return self
@@ -404,47 +491,48 @@ class Device:
         self.close()
 
     # ---- files, journal, UCI ------------------------------------------
-    def path(self, device_path):
-        """Host path of a device path under /etc, /tmp or /mnt (or of
-        /proc/sys/kernel/printk)."""
+    # Every host-side access goes through safefs: the device may have put a
+    # link anywhere in the run directory.
+    @staticmethod
+    def relpath(device_path):
+        """Path inside the run directory of a device path under /etc, /tmp
+        or /mnt (or of /proc/sys/kernel/printk)."""
         if device_path == "/proc/sys/kernel/printk":
-            return os.path.join(self.run, "proc_printk")
+            return "proc_printk"
         top = device_path.lstrip("/").split("/", 1)[0]
         if top not in ("etc", "tmp", "mnt"):
             raise ValueError("not a device path: %s" % device_path)
-        return os.path.join(self.run, device_path.lstrip("/"))
+        return device_path.lstrip("/")
+
+    def path(self, device_path):
+        """Host path of a device path.  Only for reporting and for tests that
+        plant files on purpose: open it with safefs, never directly."""
+        return os.path.join(self.run, self.relpath(device_path))
 
     def read_file(self, device_path, default=None):
         try:
-            with open(self.path(device_path)) as f:
-                return f.read()
+            return safefs.read_text(self.run, self.relpath(device_path))
         except FileNotFoundError:
             return default
 
     def write_file(self, device_path, text, mode=None):
-        p = self.path(device_path)
-        os.makedirs(os.path.dirname(p), exist_ok=True)
-        with open(p, "w") as f:
-            f.write(text)
-        if mode is not None:
-            os.chmod(p, mode)
+        safefs.write_text(self.run, self.relpath(device_path), text, mode)
 
     def exists(self, device_path):
-        return os.path.lexists(self.path(device_path))
+        return safefs.lexists(self.run, self.relpath(device_path))
 
     def remove_file(self, device_path):
-        try:
-            os.unlink(self.path(device_path))
-        except FileNotFoundError:
-            pass
+        safefs.unlink(self.run, self.relpath(device_path))
+
+    def listdir(self, device_path):
+        return safefs.listdir(self.run, self.relpath(device_path))
 
     def journal(self):
         """Journal lines (tool name and arguments), oldest first."""
-        with open(os.path.join(self.run, "journal.log")) as f:
-            return f.read().splitlines()
+        return safefs.read_text(self.run, "journal.log").splitlines()
 
     def clear_journal(self):
-        open(os.path.join(self.run, "journal.log"), "w").close()
+        safefs.write_text(self.run, "journal.log", "")
 
     def wait_journal(self, match, timeout=10.0, interval=0.05):
         """Wait until a journal line equals `match` (str) or satisfies it
@@ -460,13 +548,10 @@ class Device:
             time.sleep(interval)
 
     def uci(self, *args):
-        """Run the device's uci on the run directory (not journalled)."""
-        env = dict(os.environ, SIMDEVICE_RUN=self.run,
-                   SIMDEVICE_NOJOURNAL="1")
-        return subprocess.run([PYTHON, "-S", os.path.join(SIM_DIR, "bin",
-                                                          "uci")] + list(args),
-                              env=env, text=True, stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE)
+        """Run the device's uci on the run directory (not journalled), in a
+        one-shot sandbox of its own."""
+        return subprocess.run(uci_sandbox_argv(self.run, args), text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
     def uci_get(self, path):
         """Value as `uci get` would print it (staged changes included), or
@@ -476,7 +561,7 @@ class Device:
 
     def uci_committed(self, path):
         """Value in the committed config file only (None when missing)."""
-        r = self.uci("-P", os.path.join(self.run, "no-delta"), "get", path)
+        r = self.uci("-P", "/nodelta", "get", path)
         return r.stdout.rstrip("\n") if r.returncode == 0 else None
 
     # ---- canned outputs --------------------------------------------------
@@ -496,31 +581,25 @@ class Device:
 
     def clear_output(self, tool, *args):
         for ext in (".out", ".rc", ".sh"):
-            try:
-                os.unlink(self._override_path(tool, args, ext))
-            except FileNotFoundError:
-                pass
+            safefs.unlink(self.run, self._override_path(tool, args, ext))
 
-    def _override_path(self, tool, args, ext):
+    @staticmethod
+    def _override_path(tool, args, ext):
         args = [str(a).replace("/", "%") for a in args]
         if tool == "kapri_util.lua":
             if not args:
                 raise ValueError("give the sub-command")
-            return os.path.join(self.run, "sim", "kapri_util",
-                                "_".join(args) + ext)
-        return os.path.join(self.run, "sim", "_".join([tool] + args) + ext)
+            return "sim/kapri_util/" + "_".join(args) + ext
+        return "sim/" + "_".join([tool] + args) + ext
 
     def _write_override(self, tool, args, ext, text):
-        p = self._override_path(tool, args, ext)
-        os.makedirs(os.path.dirname(p), exist_ok=True)
-        with open(p, "w") as f:
-            f.write(text)
+        safefs.write_text(self.run, self._override_path(tool, args, ext), text)
 
     def append_syslog(self, line):
         """Add a system-log line (as logread prints it; `logread -f` picks
         it up)."""
-        with open(os.path.join(self.run, "syslog.log"), "a") as f:
-            f.write(line.rstrip("\n") + "\n")
+        safefs.write_text(self.run, "syslog.log", line.rstrip("\n") + "\n",
+                          append=True)
 
 
 if DEVICE_DIR not in sys.path:

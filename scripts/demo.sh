@@ -35,12 +35,17 @@ MAC=${KC_DEMO_MAC:-02:4b:56:31:30:01}
 work=$(mktemp -d "${TMPDIR:-/tmp}/korvat-demo.XXXXXX")
 run="$work/device"
 device/run-device init "$run" >/dev/null
+# The device's own network (device/README.md): the server listens in its
+# gateway namespace on 192.168.1.1; nothing touches the host's network.
+device/run-device net-up "$run" >/dev/null
+gateway=192.168.1.1
 
 server_pid=""
 agent_pid=""
 watch_pid=""
 cleanup() {
     device/run-device stop "$run" >/dev/null 2>&1 || true
+    device/run-device net-down "$run" >/dev/null 2>&1 || true
     # Commands started with & here ignore SIGINT, so the server is ended by
     # its own pid: the pipeline's pid is only that of its last command.
     server=$(cat "$work/server.pid" 2>/dev/null || true)
@@ -48,7 +53,7 @@ cleanup() {
         kill "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
-    rm -rf "$work"
+    rm -rf "$work" "$run.ctl"
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
@@ -58,7 +63,8 @@ prefix() { sed -u "s/^/$1 /"; }
 # shellcheck disable=SC2086
 {
     status=0
-    /usr/bin/python3 -u server/device_server.py --tour $once $tls --url-file "$work/url" 2>&1 &
+    device/run-device gateway "$run" -- /usr/bin/python3 -u server/device_server.py \
+        --host "$gateway" --tour $once $tls --url-file "$work/url" 2>&1 &
     echo $! > "$work/server.pid"
     wait $! || status=$?
     echo "$status" > "$work/server.status"
@@ -77,18 +83,10 @@ device/run-device run --agent "$KC_AGENT" "$run" -- /usr/bin/korvat-cloud -d "$u
     | prefix "[agent]" &
 agent_pid=$!
 
-(
-    last=""
-    while :; do
-        now=$(cat "$run/tmp/cloud_conn_state" 2>/dev/null || true)
-        if [ -n "$now" ] && [ "$now" != "$last" ]; then
-            echo "[device] /tmp/cloud_conn_state = $now"
-            echo "$now" >> "$work/states"
-            last=$now
-        fi
-        sleep 0.05
-    done
-) &
+# The state file is read through run-device, which never follows a link
+# the device may have put in its place.
+device/run-device watch --prefix "[device] /tmp/cloud_conn_state = " \
+    --append "$work/states" "$run" /tmp/cloud_conn_state &
 watch_pid=$!
 
 if [ -n "$once" ]; then

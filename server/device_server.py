@@ -36,6 +36,20 @@ DEFAULT_PING_INTERVAL = 20.0
 _OPNAMES = {0: "CONT", 1: "TEXT", 2: "BINARY", 8: "CLOSE", 9: "PING", 10: "PONG"}
 
 
+def _join_netns(path):
+    """Moves the calling thread into the network namespace at path: every
+    socket it creates afterwards belongs to that namespace."""
+    import ctypes
+    libc = ctypes.CDLL(None, use_errno=True)
+    fd = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
+    try:
+        if libc.setns(fd, 0x40000000) != 0:  # CLONE_NEWNET
+            err = ctypes.get_errno()
+            raise OSError(err, "cannot join %s: %s" % (path, os.strerror(err)))
+    finally:
+        os.close(fd)
+
+
 class Reply(tuple):
     """A reply to a request: unpacks as (data, raw); also .data and .raw."""
 
@@ -169,7 +183,7 @@ class DeviceServer(object):
     def __init__(self, port=0, tls=False, ping_interval=DEFAULT_PING_INTERVAL,
                  url_path="", host="127.0.0.1", log_file=None, echo=True,
                  cert_dir=None, tls_max_version=None, ping_payload=b"",
-                 close_timeout=3.0):
+                 close_timeout=3.0, netns=None):
         """
         port: 0 for an ephemeral port (kept across pause/resume).
         tls: serve wss:// with a self-signed certificate made at start.
@@ -179,6 +193,9 @@ class DeviceServer(object):
         print log lines to stdout (pytest shows them for failed tests).
         Lines are always kept in .log_lines.
         tls_max_version: None, "1.2" or "1.3".
+        netns: path of a network namespace (such as the simulated device
+        network's gateway namespace, /proc/PID/ns/net) in which the server
+        listens: its event loop thread joins it before listening.
         """
         self.host = host
         self.port = port
@@ -191,6 +208,7 @@ class DeviceServer(object):
         self.cert_dir = cert_dir
         self.tls_max_version = tls_max_version
         self.close_timeout = close_timeout
+        self.netns = netns
         self.certfile = self.keyfile = None
         self.ssl_context = None
 
@@ -224,7 +242,16 @@ class DeviceServer(object):
         self._loop = asyncio.new_event_loop()
         ready = threading.Event()
 
+        failed = []
+
         def run():
+            if self.netns is not None:
+                try:
+                    _join_netns(self.netns)
+                except OSError as exc:
+                    failed.append(exc)
+                    ready.set()
+                    return
             asyncio.set_event_loop(self._loop)
             ready.set()
             self._loop.run_forever()
@@ -232,6 +259,10 @@ class DeviceServer(object):
         self._thread = threading.Thread(target=run, name="device-server", daemon=True)
         self._thread.start()
         ready.wait()
+        if failed:
+            self._loop.close()
+            self._loop = None
+            raise failed[0]
         self._call(self._listen(), 10)
         self._log("listening on %s" % self.url)
         return self

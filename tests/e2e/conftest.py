@@ -179,25 +179,32 @@ def start_agent(device):
             assert not reports, "sanitizer report from the agent:\n" + agent.err.text()
 
 
+def device_server(device, **kw):
+    """A device server listening in the device network's gateway namespace
+    (the agent reaches it at device.net.gateway_ip)."""
+    kw.setdefault("ping_interval", None)
+    return DeviceServer(host=device.net.gateway_ip, netns=device.net.gateway_ns, **kw)
+
+
 @pytest.fixture
-def server():
-    srv = DeviceServer(ping_interval=None)
+def server(device):
+    srv = device_server(device)
     srv.start()
     yield srv
     srv.stop()
 
 
 @pytest.fixture
-def tls_server():
-    srv = DeviceServer(tls=True, ping_interval=None)
+def tls_server(device):
+    srv = device_server(device, tls=True)
     srv.start()
     yield srv
     srv.stop()
 
 
 @pytest.fixture
-def peer():
-    p = RawPeer()
+def peer(device):
+    p = RawPeer(host=device.net.gateway_ip, netns=device.net.gateway_ns)
     yield p
     p.shutdown()
 

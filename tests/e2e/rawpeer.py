@@ -226,7 +226,10 @@ class RawPeer(object):
     """Listening raw WebSocket peer; one accepted connection at a time."""
 
     def __init__(self, tls=False, host="127.0.0.1", port=0, cert_dir=None,
-                 tls_max_version=None):
+                 tls_max_version=None, netns=None):
+        """netns: path of a network namespace to listen in (the device
+        network's gateway namespace); the listening socket, and so every
+        accepted connection, belongs to it."""
         self.host = host
         self.tls = tls
         self.ssl_context = None
@@ -234,7 +237,13 @@ class RawPeer(object):
             import tlscert
             cert, key = tlscert.make_self_signed(cert_dir)
             self.ssl_context = tlscert.server_context(cert, key, max_version=tls_max_version)
-        self.listener = socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET)
+        family = socket.AF_INET6 if ":" in host else socket.AF_INET
+        if netns is not None:
+            import simnet
+            with simnet.in_netns(netns):
+                self.listener = socket.socket(family)
+        else:
+            self.listener = socket.socket(family)
         self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.listener.bind((host, port))
         self.listener.listen(8)

@@ -24,7 +24,7 @@ def test_request_bytes(peer, start_agent):
     key = lines[4][len("Sec-WebSocket-Key: "):]
     assert lines == [
         "GET /path/x HTTP/1.1",
-        "Host: 127.0.0.1:%d" % peer.port,
+        "Host: %s:%d" % (peer.host, peer.port),
         "Upgrade: websocket",
         "Connection: Upgrade",
         "Sec-WebSocket-Key: " + key,
@@ -39,10 +39,10 @@ def test_request_bytes(peer, start_agent):
 
 
 def test_url_without_path_requests_root(peer, start_agent):
-    start_agent("ws://127.0.0.1:%d" % peer.port)
+    start_agent("ws://%s:%d" % (peer.host, peer.port))
     peer.accept(15)
     req = peer.read_request()
-    assert req.raw.startswith(b"GET / HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n" % peer.port)
+    assert req.raw.startswith(b"GET / HTTP/1.1\r\nHost: %s:%d\r\n" % (peer.host.encode(), peer.port))
 
 
 def test_each_handshake_uses_a_fresh_key(device, peer, start_agent):

@@ -3,6 +3,7 @@ writes its files, runs its device commands and finally kills itself with
 "killall -9 korvat-cloud", the host's kernel settings (printk included),
 /etc, /tmp and mount table are unchanged and no host process named like
 the agent was signalled."""
+import os
 import signal
 
 from simdevice import HostGuard
@@ -31,3 +32,21 @@ def test_agent_run_leaves_the_host_alone(device, server, start_agent):
         assert "uci get korvatCloud.korvatCloud.conn_retry" in journal
         assert "sntool" in journal
         assert guard.problems() == []
+
+
+def test_agent_runs_without_capabilities_in_its_own_network(device, server, start_agent):
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    found = device.find("korvat-cloud")
+    assert len(found) == 1
+    host_pid = found[0]["host_pid"]
+    # read from the host: the agent's effective, permitted and bounding sets
+    with open("/proc/%d/status" % host_pid) as f:
+        status = dict(line.rstrip("\n").split(":\t", 1) for line in f if ":\t" in line)
+    assert int(status["CapEff"], 16) == 0
+    assert int(status["CapPrm"], 16) == 0
+    assert int(status["CapBnd"], 16) == 0
+    # its network namespace is the run's device namespace, not the host's
+    ns = os.readlink("/proc/%d/ns/net" % host_pid)
+    assert ns == os.readlink(device.net.device_ns)
+    assert ns != os.readlink("/proc/self/ns/net")

@@ -7,7 +7,7 @@ def test_requests_flow_over_tls(tls_server, start_agent):
     agent = start_agent(tls_server.url)
     conn = tls_server.wait_for_connection(20)
     assert tls_server.url.startswith("wss://")
-    assert conn.header("Host") == "127.0.0.1:%d" % tls_server.port
+    assert conn.header("Host") == "%s:%d" % (tls_server.host, tls_server.port)
     reply = tls_server.request("dxGetAbout", {"deviceId": MAC}, id="t1")
     assert reply.data["result"]["macAddress"] == MAC
     assert tls_server.ping("abc") == b"abc"

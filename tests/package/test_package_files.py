@@ -136,13 +136,12 @@ def test_install_paths_and_modes(tmp_path):
 
 # ---- default UCI config -------------------------------------------------------
 
-def test_default_config_parses_with_defaults(tmp_path):
-    conf = tmp_path / "config"
-    conf.mkdir()
-    shutil.copy(DEFAULT_CONFIG, conf / "korvatCloud")
+def test_default_config_parses_with_defaults():
     dev = simdevice.Device()
     try:
-        r = dev.uci("-c", str(conf), "show", "korvatCloud")
+        with open(DEFAULT_CONFIG) as f:
+            dev.write_file("/etc/config/korvatCloud", f.read())
+        r = dev.uci("show", "korvatCloud")
         assert r.returncode == 0, r.stderr
     finally:
         dev.close()

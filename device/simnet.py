@@ -1,0 +1,252 @@
+#!/usr/bin/python3
+# The simulated device's own network.
+#
+# Every device run gets two network namespaces that exist only for that run,
+# joined by a veth pair:
+#
+#   device namespace (the agent's)        gateway namespace (its upstream)
+#     lo       127.0.0.1                    lo       127.0.0.1
+#     br-lan   192.168.1.2/24  <--veth-->   lan0     192.168.1.1/24
+#     default via 192.168.1.1
+#
+# The device server, the raw test peer and any other peer of the agent run in
+# the gateway namespace and listen on 192.168.1.1; the agent reaches them
+# over the veth pair.  Nothing the device sends (TCP, UDP, multicast such as
+# SSDP to 239.255.255.250:1900) can reach the host's own namespace: the host
+# has no interface in either namespace.
+#
+# A small holder process owns the two namespaces: it forks one child per
+# namespace (each unshares its network namespace and sleeps), configures
+# them with iproute2, prints one JSON line {"device": PID, "gateway": PID}
+# and lives until its standard input reaches end of file (the Python API
+# keeps a pipe open) or until it is killed (the command-line form).  The
+# children die with it.
+#
+#   simnet.py hold            hold until stdin closes (for programs)
+#   simnet.py hold --detach   hold until killed; the pids go to stdout
+import ctypes
+import json
+import os
+import select
+import signal
+import subprocess
+import sys
+import threading
+from contextlib import contextmanager
+
+DEVICE_IP = "192.168.1.2"
+GATEWAY_IP = "192.168.1.1"
+PREFIX = 24
+DEVICE_IF = "br-lan"
+GATEWAY_IF = "lan0"
+
+CLONE_NEWNET = 0x40000000
+PR_SET_PDEATHSIG = 1
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def _check(ret, what):
+    if ret != 0:
+        err = ctypes.get_errno()
+        raise OSError(err, "%s: %s" % (what, os.strerror(err)))
+
+
+def setns(path):
+    """Move the calling thread into the network namespace at path."""
+    fd = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
+    try:
+        _check(_libc.setns(fd, CLONE_NEWNET), "setns " + path)
+    finally:
+        os.close(fd)
+
+
+@contextmanager
+def in_netns(path):
+    """Sockets the current thread creates inside the block belong to the
+    network namespace at path; the thread's own namespace is restored after."""
+    back = os.open("/proc/thread-self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
+    try:
+        setns(path)
+        try:
+            yield
+        finally:
+            _check(_libc.setns(back, CLONE_NEWNET), "setns back")
+    finally:
+        os.close(back)
+
+
+def ns_argv(path, argv):
+    """argv that runs argv inside the network namespace at path."""
+    return ["nsenter", "--net=" + path, "--"] + list(argv)
+
+
+# ---- the holder -------------------------------------------------------------
+
+def _namespace_child(ready_w):
+    """Body of a forked child: own network namespace, then sleep until the
+    holder goes away."""
+    try:
+        _libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+        _check(_libc.unshare(CLONE_NEWNET), "unshare")
+        os.write(ready_w, b"1")
+    except BaseException:
+        os.write(ready_w, b"0")
+        os._exit(1)
+    while True:
+        signal.pause()
+
+
+def _spawn_namespace():
+    r, w = os.pipe()
+    pid = os.fork()
+    if pid == 0:
+        os.close(r)
+        _namespace_child(w)
+        os._exit(0)
+    os.close(w)
+    ok = os.read(r, 1)
+    os.close(r)
+    if ok != b"1":
+        raise OSError("could not make a network namespace")
+    return pid
+
+
+def _ip(pid, *args):
+    subprocess.run(ns_argv("/proc/%d/ns/net" % pid, ["ip"] + list(args)),
+                   check=True, stdout=subprocess.DEVNULL)
+
+
+def _configure(dev, gw):
+    _ip(dev, "link", "set", "lo", "up")
+    _ip(gw, "link", "set", "lo", "up")
+    _ip(dev, "link", "add", DEVICE_IF, "type", "veth", "peer", "name",
+        GATEWAY_IF, "netns", str(gw))
+    _ip(dev, "addr", "add", "%s/%d" % (DEVICE_IP, PREFIX), "dev", DEVICE_IF)
+    _ip(dev, "link", "set", DEVICE_IF, "up")
+    _ip(gw, "addr", "add", "%s/%d" % (GATEWAY_IP, PREFIX), "dev", GATEWAY_IF)
+    _ip(gw, "link", "set", GATEWAY_IF, "up")
+    _ip(dev, "route", "add", "default", "via", GATEWAY_IP)
+
+
+def hold(detach=False):
+    if not detach:
+        _libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+    children = []
+
+    def finish(*_):
+        for pid in children:
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+        for pid in children:
+            try:
+                os.waitpid(pid, 0)
+            except ChildProcessError:
+                pass
+        os._exit(0)
+
+    signal.signal(signal.SIGTERM, finish)
+    signal.signal(signal.SIGINT, finish)
+    try:
+        children.append(_spawn_namespace())
+        children.append(_spawn_namespace())
+        _configure(*children)
+    except (OSError, subprocess.CalledProcessError) as e:
+        sys.stderr.write("simnet: %s\n" % e)
+        for pid in children:
+            os.kill(pid, signal.SIGKILL)
+        return 1
+    sys.stdout.write(json.dumps({"device": children[0], "gateway": children[1],
+                                 "holder": os.getpid()}) + "\n")
+    sys.stdout.flush()
+    if detach:
+        devnull = os.open(os.devnull, os.O_RDWR)
+        for fd in (0, 1, 2):
+            os.dup2(devnull, fd)
+        while True:
+            signal.pause()
+    while True:
+        select.select([0], [], [])
+        if not os.read(0, 4096):
+            finish()
+
+
+# ---- the Python API -----------------------------------------------------------
+
+class DeviceNet:
+    """The network of one device run (see the top of this file).
+
+        net = DeviceNet()
+        net.device_ns, net.gateway_ns      # namespace paths (/proc/PID/ns/net)
+        net.gateway_ip, net.device_ip
+        net.gateway_argv(argv)             # run argv in the gateway namespace
+        net.popen_gateway(argv, **kw)
+        with net.in_gateway(): sock = ...  # sockets of this thread go there
+        net.close()
+    """
+
+    device_ip = DEVICE_IP
+    gateway_ip = GATEWAY_IP
+
+    def __init__(self, info=None):
+        """A new network, or (info given) one a detached holder owns."""
+        self._holder = None
+        if info is None:
+            self._holder = subprocess.Popen(
+                ["/usr/bin/python3", os.path.abspath(__file__), "hold"],
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+            line = self._holder.stdout.readline()
+            if not line:
+                self._holder.wait()
+                raise OSError("the device network could not be made")
+            info = json.loads(line)
+        self.info = info
+        self.device_ns = "/proc/%d/ns/net" % info["device"]
+        self.gateway_ns = "/proc/%d/ns/net" % info["gateway"]
+        self._lock = threading.Lock()
+
+    def device_argv(self, argv):
+        return ns_argv(self.device_ns, argv)
+
+    def gateway_argv(self, argv):
+        return ns_argv(self.gateway_ns, argv)
+
+    def popen_gateway(self, argv, **kw):
+        return subprocess.Popen(self.gateway_argv(argv), **kw)
+
+    def run_gateway(self, argv, **kw):
+        return subprocess.run(self.gateway_argv(argv), **kw)
+
+    def in_gateway(self):
+        return in_netns(self.gateway_ns)
+
+    def in_device(self):
+        return in_netns(self.device_ns)
+
+    def close(self):
+        holder, self._holder = self._holder, None
+        if holder is not None:
+            holder.stdin.close()
+            try:
+                holder.wait(5)
+            except subprocess.TimeoutExpired:
+                holder.kill()
+                holder.wait()
+            holder.stdout.close()
+
+
+def detached_stop(info):
+    """Ends a holder started with `hold --detach`."""
+    try:
+        os.kill(info["holder"], signal.SIGTERM)
+    except (ProcessLookupError, KeyError):
+        pass
+
+
+if __name__ == "__main__":
+    if len(sys.argv) >= 2 and sys.argv[1] == "hold":
+        sys.exit(hold(detach="--detach" in sys.argv[2:]))
+    sys.stderr.write("usage: simnet.py hold [--detach]\n")
+    sys.exit(2)
