@@ -63,7 +63,9 @@ def main():
     if TARGET != "mips":
         raise SystemExit("run through target/footprint.sh (SIMDEVICE_TARGET=mips)")
     agent = os.environ["KC_AGENT"]
-    with DeviceServer(ping_interval=None, echo=False) as server, Device() as device:
+    with Device() as device, DeviceServer(
+            ping_interval=None, echo=False, host=device.net.gateway_ip,
+            netns=device.net.gateway_ns) as server:
         env = {"QEMU_LOG": "page", "QEMU_LOG_FILENAME": "/tmp/qemu-page.log"}
         device.start_agent(agent, server.url, MAC, debug=False, env=env)
         conn = server.wait_for_connection(60)
