@@ -137,6 +137,10 @@ int cpu_figure_to_percent(const char *text)
     sscanf(text, "%f", &figure);
     if (figure > 100.0f)
         figure = 100.0f;
+    /* A NaN or negative figure ("nan", "-1e30") reads 0: it has no int
+     * value to convert to. */
+    if (!(figure >= 0.0f))
+        figure = 0.0f;
     return (int)figure;
 }
 

@@ -6,6 +6,7 @@
 #define KC_UTIL_KAPRI_UTIL_H
 
 #include <stdint.h>
+#include <stdio.h>
 
 #include <atomic>
 
@@ -18,8 +19,29 @@ struct JsonQueue;
 /* The constant text run_shell_command returns on failure (never freed). */
 extern const char SHELL_ERROR_TEXT[];
 
+/*
+ * Where commands go: popen/pclose for run_shell_command, system for every
+ * other command of this module (run_system_command).  The real ones are
+ * the default; tests and fuzz targets put in their own, which must not run
+ * anything they are not meant to.  Set it before any thread runs commands;
+ * NULL puts the real ones back.  Every member is required.
+ */
+struct ShellBackend {
+    FILE *(*open)(const char *cmd, const char *mode); /* popen */
+    int (*close)(FILE *stream);                       /* pclose */
+    int (*run)(const char *cmd);                      /* system */
+};
+void setShellBackend(const ShellBackend *backend);
+
+/* system(cmd) through the backend: device commands of handlers go here. */
+int run_system_command(const char *cmd);
+
 /* Output of cmd, at most max_len bytes, as a new text; or SHELL_ERROR_TEXT. */
 char *run_shell_command(const char *cmd, int max_len);
+/* The reading step of run_shell_command: at most max_len bytes of stream,
+ * as a new text (caller frees); NULL when stream is NULL or max_len < 1.
+ * The stream is left open. */
+char *read_capped_output(FILE *stream, int max_len);
 /* Frees a run_shell_command result (the error constant is left alone). */
 void free_shell_output(char *text);
 int is_process_running(const char *name);

@@ -12,14 +12,52 @@
 
 const char SHELL_ERROR_TEXT[] = "ERROR";
 
-char *run_shell_command(const char *cmd, int max_len)
+/* The real backend: popen, pclose and system. */
+static FILE *openRealPipe(const char *cmd, const char *mode)
 {
-    if (cmd == NULL || max_len < 1)
-        return const_cast<char *>(SHELL_ERROR_TEXT);
-    FILE *stream = popen(cmd, "r");
-    if (stream == NULL)
-        return const_cast<char *>(SHELL_ERROR_TEXT);
+    return popen(cmd, mode);
+}
 
+static int closeRealPipe(FILE *stream)
+{
+    return pclose(stream);
+}
+
+static int runRealCommand(const char *cmd)
+{
+    return system(cmd);
+}
+
+static const ShellBackend kRealBackend = {openRealPipe, closeRealPipe, runRealCommand};
+static ShellBackend s_backend = kRealBackend;
+
+void setShellBackend(const ShellBackend *backend)
+{
+    if (backend == NULL) {
+        s_backend = kRealBackend;
+        return;
+    }
+    KC_ASSERT(backend->open != NULL && backend->close != NULL && backend->run != NULL,
+              "backend->open != NULL && backend->close != NULL && backend->run != NULL");
+    s_backend = *backend;
+}
+
+int run_system_command(const char *cmd)
+{
+    return s_backend.run(cmd);
+}
+
+/*
+ * Reads the stream in fgets chunks of 128 bytes (127 characters, or up to
+ * and including a newline).  A chunk counts up to its first NUL byte.  With
+ * max_len below 129 only the first chunk is read, cut to max_len.  Larger
+ * caps take whole chunks while a full one still fits, then a last one cut
+ * to the room left.
+ */
+char *read_capped_output(FILE *stream, int max_len)
+{
+    if (stream == NULL || max_len < 1)
+        return NULL;
     /* max_len characters plus the terminator. */
     char *out = static_cast<char *>(calloc((size_t)max_len + 1, 1));
     size_t used = 0;
@@ -53,7 +91,18 @@ char *run_shell_command(const char *cmd, int max_len)
         if (last)
             break;
     }
-    pclose(stream);
+    return out;
+}
+
+char *run_shell_command(const char *cmd, int max_len)
+{
+    if (cmd == NULL || max_len < 1)
+        return const_cast<char *>(SHELL_ERROR_TEXT);
+    FILE *stream = s_backend.open(cmd, "r");
+    if (stream == NULL)
+        return const_cast<char *>(SHELL_ERROR_TEXT);
+    char *out = read_capped_output(stream, max_len);
+    s_backend.close(stream);
     return out;
 }
 
@@ -67,7 +116,7 @@ int is_process_running(const char *name)
 {
     if (name == NULL || name[0] == '\0')
         return 0;
-    system("ps > /tmp/ps.txt");
+    run_system_command("ps > /tmp/ps.txt");
     char cmd[512];
     snprintf(cmd, sizeof cmd,
              "(grep -q %s /tmp/ps.txt) && (echo 1 | tr -d '\\n') || "
@@ -76,7 +125,7 @@ int is_process_running(const char *name)
     char *out = run_shell_command(cmd, 3);
     int running = atoi(out);
     free_shell_output(out);
-    system("rm -f /tmp/ps.txt");
+    run_system_command("rm -f /tmp/ps.txt");
     return running;
 }
 
@@ -122,7 +171,7 @@ int uci_set(const char *path, const char *value)
         return 0;
     char cmd[1024];
     snprintf(cmd, sizeof cmd, "uci set %s=\"%s\"", path, value);
-    system(cmd);
+    run_system_command(cmd);
     return 1;
 }
 
@@ -132,7 +181,7 @@ int uci_set_int(const char *path, int value)
         return 0;
     char cmd[1024];
     snprintf(cmd, sizeof cmd, "uci set %s=%d", path, value);
-    system(cmd);
+    run_system_command(cmd);
     return 1;
 }
 
@@ -144,7 +193,7 @@ int uci_commit(const char *package)
     if (package != NULL && package[0] == '\0') {
         char cmd[64];
         snprintf(cmd, sizeof cmd, "uci commit %s", package);
-        return system(cmd);
+        return run_system_command(cmd);
     }
-    return system("uci commit");
+    return run_system_command("uci commit");
 }

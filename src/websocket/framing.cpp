@@ -59,16 +59,13 @@ int wbsReadMessage(WbsConnection *conn, void *buf, unsigned int capacity)
         if (extra > 0 && wbsReadBytes(conn, header, extra) != (int)extra)
             return failRead(conn);
 
+        /* A 64-bit length from the server is never a sane size here: the
+         * frame reader refuses the form whatever length it carries. */
+        if (len7 == 127)
+            return failRead(conn);
         uint64_t length = len7;
-        if (len7 == 126) {
+        if (len7 == 126)
             length = ((uint64_t)header[0] << 8) | header[1];
-        } else if (len7 == 127) {
-            /* Taken lowest byte first: a 64-bit length from the server is
-             * never a sane size here and ends the connection below. */
-            length = 0;
-            for (int i = 7; i >= 0; i--)
-                length = (length << 8) | header[i];
-        }
         const unsigned char *key = header + keyOffset;
 
         if (length > capacity)
@@ -186,14 +183,19 @@ void wbsClose(WbsConnection *conn)
     unsigned char frame[6] = {0x88, 0x80, 0, 0, 0, 0};
     putKey(frame + 2, nextRandom());
     wbsWriteBytes(conn, frame, sizeof frame);
-    if (conn->useTls == 1)
-        disconnectSslSocket(&conn->tls);
-    /* Wakes a reader waiting on the socket at once (instead of after its
-     * 40-second wait); the descriptor itself is closed by the next connect. */
-    int fd = conn->fd;
-    shutdownSocket(fd);
-    closeSocket(conn->retiredFd);
-    conn->retiredFd = fd;
+    /* Over an attached transport fd is a placeholder, no descriptor: there
+     * is no TLS session or socket to end, nothing to retire. */
+    if (conn->transport.read == NULL) {
+        if (conn->useTls == 1)
+            disconnectSslSocket(&conn->tls);
+        /* Wakes a reader waiting on the socket at once (instead of after its
+         * 40-second wait); the descriptor itself is closed by the next
+         * connect. */
+        int fd = conn->fd;
+        shutdownSocket(fd);
+        closeSocket(conn->retiredFd);
+        conn->retiredFd = fd;
+    }
     conn->fd = -1;
     conn->state = WBS_STATE_CLOSED;
     unlockMutex(&conn->writeLock);

@@ -25,13 +25,16 @@ const char *lastClientHandshake(void)
     return s_request;
 }
 
-/* The descriptor is loaded once: a close running meanwhile shuts it down
+/* An attached transport takes the place of the socket and TLS.  Otherwise
+ * the descriptor is loaded once: a close running meanwhile shuts it down
  * (the call then fails) but keeps its number until the next connect. */
 int wbsReadBytes(WbsConnection *conn, void *buf, unsigned int n)
 {
     int fd = conn->fd;
     if (fd == -1)
         return -1;
+    if (conn->transport.read != NULL)
+        return conn->transport.read(conn->transport.context, buf, n);
     if (conn->useTls == 1)
         return readSslSocket(&conn->tls, buf, n);
     return readSocket(fd, buf, n);
@@ -42,6 +45,8 @@ int wbsWriteBytes(WbsConnection *conn, const void *buf, unsigned int n)
     int fd = conn->fd;
     if (fd == -1)
         return -1;
+    if (conn->transport.write != NULL)
+        return conn->transport.write(conn->transport.context, buf, n);
     if (conn->useTls == 1)
         return writeSslSocket(&conn->tls, buf, n);
     return writeSocket(fd, buf, n);
@@ -161,8 +166,21 @@ int readServerHandshake(WbsConnection *conn)
     }
 }
 
+void wbsAttachTransport(WbsConnection *conn, const WbsTransport *transport)
+{
+    KC_ASSERT(transport != NULL && transport->read != NULL && transport->write != NULL,
+              "transport != NULL && transport->read != NULL && transport->write != NULL");
+    conn->transport = *transport;
+    conn->fd = WBS_TRANSPORT_FD;
+    conn->state = WBS_STATE_OPEN;
+}
+
 int connectWebsocket(WbsConnection *conn)
 {
+    /* A record over a transport has no socket to make (and its fd is no
+     * descriptor to close). */
+    if (conn->transport.read != NULL)
+        return 0;
     /* Runs while no reader or writer uses the connection: sockets of the
      * last connection and of a failed earlier attempt can be closed now. */
     closeSocket(conn->retiredFd);

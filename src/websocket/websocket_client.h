@@ -32,6 +32,28 @@ enum {
 
 typedef void (*WbsCallback)(void);
 
+/*
+ * A byte transport in place of the socket (and TLS), for tests and fuzz
+ * targets that run the handshake check and the framing over memory.  read
+ * behaves like readSocket: it fills n bytes, fewer once the peer's stream
+ * has ended, or gives -1; write gives n or -1.  A record never has one
+ * unless wbsAttachTransport gave it one (the zeroed record has none).
+ */
+typedef int (*WbsTransportRead)(void *context, void *buf, unsigned int n);
+typedef int (*WbsTransportWrite)(void *context, const void *buf, unsigned int n);
+
+struct WbsTransport {
+    WbsTransportRead read;
+    WbsTransportWrite write;
+    void *context;
+};
+
+/* The value of fd while a transport is attached and the connection is
+ * open: not -1, so that every "fd == -1 means closed" test still holds,
+ * and never used as a descriptor (no read, write, shutdown or close is
+ * made on it). */
+#define WBS_TRANSPORT_FD (-2)
+
 struct WbsConnection {
     /* Written by the opening and closing paths (under writeLock or with the
      * connection to themselves) while the receiving thread may be reading
@@ -55,6 +77,8 @@ struct WbsConnection {
     SslSocket tls;
     WbsCallback onPing;
     WbsCallback onClose;
+    /* Set only by wbsAttachTransport; read and write are both non-NULL then. */
+    WbsTransport transport;
 };
 
 /* Process-wide multiply-with-carry generator (keys, masks, back-off). */
@@ -71,6 +95,11 @@ int parseServerUrl(const char *url, char *host, int *port, char *path,
 WbsConnection *initWebsocketConnection(const char *url, const char *origin,
                                        WbsCallback onPing, WbsCallback onClose);
 int connectWebsocket(WbsConnection *conn);
+/* Opens conn over transport instead of a socket: fd becomes
+ * WBS_TRANSPORT_FD and the state open.  Such a record is never connected
+ * with connectWebsocket (which then fails and leaves it alone); closing it
+ * touches no descriptor. */
+void wbsAttachTransport(WbsConnection *conn, const WbsTransport *transport);
 void freeWebsocketConnection(WbsConnection *conn);
 
 int wbsReadBytes(WbsConnection *conn, void *buf, unsigned int n);
