@@ -30,13 +30,13 @@ void genericCommandHandler(cJSON *request)
 
     if (version == NULL || method == NULL || id == NULL || params == NULL) {
         printf("Invalid JSON command.\n");
-        sendJsonRpcError(request, -32600);
+        sendJsonRpcError(request, JSONRPC_INVALID_REQUEST);
         jsonDelete(request);
         return;
     }
     if (strcmp(version, "2.0") != 0) {
         printf("Invalid JSONRPC version.\n");
-        sendJsonRpcError(request, -32603);
+        sendJsonRpcError(request, JSONRPC_INTERNAL_ERROR);
         jsonDelete(request);
         return;
     }
@@ -48,6 +48,6 @@ void genericCommandHandler(cJSON *request)
         }
     }
     printf("Command handler not yet implemented for: %s\n", method);
-    sendJsonRpcError(request, -32601);
+    sendJsonRpcError(request, JSONRPC_METHOD_NOT_FOUND);
     jsonDelete(request);
 }

@@ -12,12 +12,5 @@ void sendJsonRpcError(const cJSON *request, int code)
 
 void sendJsonRpcErrorData(const cJSON *request, int code, const char *data)
 {
-    cJSON *reply = initJsonRpcObject();
-    addJsonRpcId(request, reply, "id");
-    cJSON *error = jsonCreateObject();
-    jsonAddItem(reply, "error", error);
-    jsonAddInt(error, "code", code);
-    jsonAddString(error, "message", jsonRpcErrorMessage(code));
-    jsonAddString(error, "data", data != NULL ? data : "");
-    writeJsonReply(reply);
+    writeJsonReply(jsonRpcErrorReply(request, code, data));
 }

@@ -11,7 +11,7 @@ const cJSON *requireDeviceParams(const cJSON *request)
 {
     const cJSON *params = jsonGetItem(request, "params");
     if (jsonGetItem(params, "deviceId") == NULL) {
-        sendJsonRpcError(request, -32602);
+        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
         return NULL;
     }
     return params;

@@ -5,6 +5,8 @@
 #ifndef KC_CLIENT_HANDLERS_H
 #define KC_CLIENT_HANDLERS_H
 
+#include <atomic>
+
 struct cJSON;
 
 typedef void (*CommandHandler)(const cJSON *request);
@@ -19,6 +21,19 @@ void genericCommandHandler(cJSON *request);
 const cJSON *requireDeviceParams(const cJSON *request);
 /* {"jsonrpc","id","result":{"deviceId":MAC}}; result object via *result. */
 cJSON *initDeviceResult(const cJSON *request, cJSON **result);
+
+/* ---- identity and LAN settings (settings.cpp) ---- */
+
+/*
+ * The dxSetNetworkSettings reply that must leave the device before the new
+ * settings are applied, or NULL.  The sending thread that writes it clears
+ * it through pendingAckReplySent (the connection manager's reply-sent hook,
+ * installed by main); the pointer refers to a tree the sending thread
+ * deletes right after.
+ */
+extern std::atomic<cJSON *> g_pendingAckReply;
+/* 1 (and the slot cleared) when sent is the pending reply: same "id" text. */
+int pendingAckReplySent(const cJSON *sent);
 
 void dxGetAboutHandler(const cJSON *request);
 

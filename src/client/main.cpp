@@ -1,5 +1,6 @@
 /*
- * korvat-cloud: start-up, the SIGTERM handler and the main loop.
+ * korvat-cloud: start-up and the main loop (the SIGTERM behaviour is in
+ * sigterm.cpp).
  *
  *   korvat-cloud [-d] <device_server_url> <device_mac_address>
  *
@@ -14,13 +15,11 @@
 #include <unistd.h>
 
 #include "client/handlers.h"
+#include "client/sigterm.h"
 #include "linux/thread.h"
 #include "sdk/nimb_sdk.h"
 #include "util/debug.h"
 #include "util/kapri_util.h"
-
-/* Kernel thread id of the main thread (see linux/thread.h). */
-static int s_mainProcessId = 0;
 
 static void printWithTime(const char *what)
 {
@@ -44,40 +43,6 @@ static void onReconnectionHook(void)
 {
     printWithTime("ACK reconnection.");
     system("echo 1 > /tmp/cloud_conn_state");
-}
-
-/*
- * The thread that takes the signal decides what happens.  On the device
- * "kill <pid>" reaches exactly the thread with that pid; here kill() on the
- * process may be taken by any thread, so a SIGTERM meant for one thread is
- * sent to it with tgkill (the tests do so).
- */
-static void kapri_sig_term(int signum)
-{
-    (void)signum;
-    int pid = currentThreadId();
-    if (pid == s_mainProcessId) {
-        KC_DEBUG_AT(33, "close web socket.\n");
-        if (g_wbsConnection != NULL)
-            wbsClose(g_wbsConnection);
-    }
-    FILE *file = access("/tmp/cloud_timer_pid", F_OK) == 0
-                     ? fopen("/tmp/cloud_timer_pid", "r")
-                     : NULL;
-    if (file == NULL) {
-        /* The arguments stand in this order in every such message. */
-        printf("Func %s: File %s doesn't exist.\n", "/tmp/cloud_timer_pid",
-               "kapri_sig_term");
-        return;
-    }
-    char line[1024];
-    while (fgets(line, sizeof line, file) != NULL) {
-        if (atoi(line) == pid) {
-            backup_all_queues();
-            system("killall -9 korvat-cloud");
-        }
-    }
-    fclose(file);
 }
 
 int main(int argc, char **argv)
@@ -106,11 +71,12 @@ int main(int argc, char **argv)
         g_deviceMac = argv[2];
     }
     KC_DEBUG_AT(100, "Starting Korvat Cloud Client\n");
-    s_mainProcessId = currentThreadId();
-    signal(SIGTERM, kapri_sig_term);
+    /* the main thread's id, recorded before any other thread exists */
+    startSigtermHandling(currentThreadId());
     system("echo 0 > /tmp/cloud_conn_state");
     load_settings_to_globals();
 
+    setReplySentHook(pendingAckReplySent);
     initConnection(url, g_deviceMac, NULL, NULL, onPingHook, onCloseHook,
                    onReconnectionHook);
 

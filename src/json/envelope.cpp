@@ -26,16 +26,29 @@ void addJsonRpcId(const cJSON *request, cJSON *reply, const char *key)
 const char *jsonRpcErrorMessage(int code)
 {
     switch (code) {
-    case -32700: return "Invalid JSON was received";
-    case -32600: return "The JSON sent is not a valid Request object";
-    case -32601: return "The method is not available";
-    case -32602: return "Invalid method parameter";
-    case -32603: return "Internal JSON-RPC error";
-    case 10001: return "Cannot execute request because the device is not in an appropriate state";
-    case 10002: return "Too many items in a list";
-    case 10100: return "The router is not a UPnP router";
-    case 10101: return "The router could not perform the request";
-    case 10102: return "The device does not support the protocol requested";
+    case JSONRPC_PARSE_ERROR: return "Invalid JSON was received";
+    case JSONRPC_INVALID_REQUEST: return "The JSON sent is not a valid Request object";
+    case JSONRPC_METHOD_NOT_FOUND: return "The method is not available";
+    case JSONRPC_INVALID_PARAMS: return "Invalid method parameter";
+    case JSONRPC_INTERNAL_ERROR: return "Internal JSON-RPC error";
+    case KC_ERROR_DEVICE_STATE:
+        return "Cannot execute request because the device is not in an appropriate state";
+    case KC_ERROR_TOO_MANY_ITEMS: return "Too many items in a list";
+    case KC_ERROR_NOT_UPNP_ROUTER: return "The router is not a UPnP router";
+    case KC_ERROR_ROUTER_REFUSED: return "The router could not perform the request";
+    case KC_ERROR_PROTOCOL_UNSUPPORTED: return "The device does not support the protocol requested";
     default: return "Unknown error";
     }
+}
+
+cJSON *jsonRpcErrorReply(const cJSON *request, int code, const char *data)
+{
+    cJSON *reply = initJsonRpcObject();
+    addJsonRpcId(request, reply, "id");
+    cJSON *error = jsonCreateObject();
+    jsonAddItem(reply, "error", error);
+    jsonAddInt(error, "code", code);
+    jsonAddString(error, "message", jsonRpcErrorMessage(code));
+    jsonAddString(error, "data", data != NULL ? data : "");
+    return reply;
 }

@@ -8,6 +8,21 @@
 
 #include <cjson/cJSON.h>
 
+/* Every error code the agent answers with (the message of each is fixed,
+ * see jsonRpcErrorMessage). */
+enum JsonRpcErrorCode {
+    JSONRPC_PARSE_ERROR = -32700,       /* in the table; no path sends it */
+    JSONRPC_INVALID_REQUEST = -32600,   /* an envelope member is missing */
+    JSONRPC_METHOD_NOT_FOUND = -32601,  /* no handler for the method */
+    JSONRPC_INVALID_PARAMS = -32602,    /* missing or invalid parameters */
+    JSONRPC_INTERNAL_ERROR = -32603,    /* also: a version other than 2.0 */
+    KC_ERROR_DEVICE_STATE = 10001,      /* could not apply or confirm */
+    KC_ERROR_TOO_MANY_ITEMS = 10002,    /* the receive queue is full */
+    KC_ERROR_NOT_UPNP_ROUTER = 10100,   /* no Internet gateway found */
+    KC_ERROR_ROUTER_REFUSED = 10101,    /* the gateway refused the mapping */
+    KC_ERROR_PROTOCOL_UNSUPPORTED = 10102,
+};
+
 /* Sentinel of the optional-integer accessors for an absent member. */
 #define JSON_ABSENT_INT (-999)
 
@@ -17,6 +32,9 @@ cJSON *initJsonRpcObject(void);
 void addJsonRpcId(const cJSON *request, cJSON *reply, const char *key);
 /* The fixed message text of an error code ("Unknown error" for others). */
 const char *jsonRpcErrorMessage(int code);
+/* {"jsonrpc":"2.0","id":<request's>,"error":{"code","message","data"}}: a
+ * new tree the caller owns (data NULL reads as ""). */
+cJSON *jsonRpcErrorReply(const cJSON *request, int code, const char *data);
 
 cJSON *jsonGetItem(const cJSON *object, const char *name);
 const char *jsonGetString(const cJSON *object, const char *name);

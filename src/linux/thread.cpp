@@ -1,6 +1,8 @@
 /* Thread identity and creation with device-sized stacks. */
 #include "linux/thread.h"
 
+#include <csignal>
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -42,7 +44,22 @@ int createThread(pthread_t *thread, void *(*body)(void *), void *arg,
 #endif
     if (detached)
         pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    /* The new thread inherits the creator's mask: block SIGTERM around the
+     * creation and restore the creator's own mask afterwards. */
+    sigset_t term, old;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, &old);
     ret = pthread_create(thread, &attr, body, arg);
+    pthread_sigmask(SIG_SETMASK, &old, NULL);
     pthread_attr_destroy(&attr);
     return ret;
+}
+
+void unblockSigterm(void)
+{
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &term, NULL);
 }

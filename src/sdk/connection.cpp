@@ -14,8 +14,10 @@
 #include <ctime>
 #include <unistd.h>
 
+#include "json/json_parser.h"
 #include "linux/mutex.h"
 #include "linux/thread.h"
+#include "sdk/sdk_private.h"
 #include "util/debug.h"
 #include "util/kapri_util.h"
 
@@ -40,7 +42,6 @@ WbsConnection *g_wbsConnection = NULL;
 JsonQueue g_recvQueue;
 JsonQueue g_sendQueues[SEND_QUEUE_COUNT];
 
-ConnectionLock *nimbConnectionLock(void);
 ConnectionLock *nimbConnectionLock(void)
 {
     return &s_connectionLock;
@@ -49,6 +50,21 @@ ConnectionLock *nimbConnectionLock(void)
 int nimbQueuesReady(void)
 {
     return s_queuesReady;
+}
+
+void refuseWithTooManyItems(cJSON *refused)
+{
+    writeJsonReply(jsonRpcErrorReply(refused, KC_ERROR_TOO_MANY_ITEMS, ""));
+    jsonDelete(refused);
+}
+
+void initNimbQueues(void)
+{
+    initQueue(&g_recvQueue, QUEUE_CAPACITY);
+    setQueueRefusal(&g_recvQueue, refuseWithTooManyItems);
+    for (int i = 0; i < SEND_QUEUE_COUNT; i++)
+        initQueue(&g_sendQueues[i], QUEUE_CAPACITY);
+    s_queuesReady = 1;
 }
 
 int currentRetryInterval(void)
@@ -85,6 +101,14 @@ void handleWbsClose(void)
     KC_ASSERT_AT(522, 0 == ret, "0==ret");
 }
 
+unsigned int retryDelay(int interval, int *attempts)
+{
+    if (interval * *attempts >= 601)
+        return 60 + nextRandom() % 60;
+    (*attempts)++;
+    return (unsigned int)interval;
+}
+
 static void readRetryInterval(void)
 {
     char *out = run_shell_command(
@@ -113,14 +137,8 @@ int establishWbsConnection(void)
         }
     }
     int attempts = 0;
-    while (!connectWebsocket(g_wbsConnection)) {
-        if (s_retryInterval * attempts >= 601) {
-            sleep(60 + nextRandom() % 60);
-        } else {
-            sleep((unsigned int)s_retryInterval);
-            attempts++;
-        }
-    }
+    while (!connectWebsocket(g_wbsConnection))
+        sleep(retryDelay(s_retryInterval, &attempts));
     updateLastActivity();
     connectionWriteUnlock(&s_connectionLock);
 
@@ -153,10 +171,7 @@ void initConnection(const char *url, const char *mac, void *ignored1,
 
     establishWbsConnection();
 
-    initQueue(&g_recvQueue, QUEUE_CAPACITY);
-    for (int i = 0; i < SEND_QUEUE_COUNT; i++)
-        initQueue(&g_sendQueues[i], QUEUE_CAPACITY);
-    s_queuesReady = 1;
+    initNimbQueues();
 
     initNimbThreads();
 }

@@ -25,10 +25,19 @@ extern JsonQueue g_recvQueue;
 extern JsonQueue g_sendQueues[SEND_QUEUE_COUNT];
 /* The connection record, made by the first establishWbsConnection. */
 extern WbsConnection *g_wbsConnection;
-/* Reply of dxSetNetworkSettings waiting to leave the device, or NULL. */
-extern std::atomic<cJSON *> g_pendingAckReply;
-
 int nimbQueuesReady(void);
+/* Creates the four queues (capacity 10); the receive queue answers what it
+ * refuses with error 10002.  Called by initConnection. */
+void initNimbQueues(void);
+
+/*
+ * Run by the sending threads after each tree has been written to the
+ * connection, before the tree is deleted; non-zero means the tree was a
+ * reply someone was waiting for (the debug line of the acknowledgement is
+ * then printed).  Set once, before the threads start.
+ */
+typedef int (*ReplySentHook)(const cJSON *sent);
+void setReplySentHook(ReplySentHook hook);
 
 void initConnection(const char *url, const char *mac, void *ignored1,
                     void *ignored2, ConnectionHook onPing,
@@ -37,6 +46,11 @@ int establishWbsConnection(void);
 void handleWbsClose(void);
 void updateLastActivity(void);
 int currentRetryInterval(void);
+/* Seconds to wait after a failed connection attempt.  While interval times
+ * the attempts counted so far is below 601 it is the interval, and the
+ * attempt counts; after that (about ten minutes) it is 60 to 119 seconds
+ * from the process-wide generator, and the attempt does not count. */
+unsigned int retryDelay(int interval, int *attempts);
 
 void initNimbThreads(void);
 void *queueWriter(void *queue);

@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 
-#include "client/error_reply.h"
 #include "json/json_parser.h"
 #include "linux/mutex.h"
 #include "linux/sem.h"
@@ -16,6 +15,7 @@ void initQueue(JsonQueue *q, int capacity)
     KC_ASSERT_AT(11, NULL != q->queue, "((void *)0) != pQueue->queue");
     q->producerIndex = 0;
     q->consumerIndex = 0;
+    q->onRefused = NULL;
     initSemaphore(&q->freeSlots, QUEUE_CAPACITY);
     initSemaphore(&q->filledSlots, 0);
     initMutex(&q->indexLock);
@@ -30,13 +30,20 @@ void deleteQueue(JsonQueue *q)
     deleteMutex(&q->indexLock);
 }
 
+void setQueueRefusal(JsonQueue *q, QueueRefusal onRefused)
+{
+    q->onRefused = onRefused;
+}
+
 int produceObject(JsonQueue *q, cJSON *tree, int mode)
 {
     if (mode == PRODUCE_BLOCKING) {
         waitSemaphore(&q->freeSlots);
     } else if (!trywaitSemaphore(&q->freeSlots)) {
-        sendJsonRpcError(tree, 10002);
-        jsonDelete(tree);
+        if (q->onRefused != NULL)
+            q->onRefused(tree);
+        else
+            jsonDelete(tree);
         return 0;
     }
     /* The pointer is stored under the index lock so that a backup snapshot,
@@ -64,4 +71,16 @@ void consumeObject(JsonQueue *q, cJSON **tree)
 int freeSlotCount(JsonQueue *q)
 {
     return getSemaphoreValue(&q->freeSlots);
+}
+
+void snapshotQueue(JsonQueue *q, QueueSnapshotVisit visit, void *context)
+{
+    const cJSON *items[QUEUE_CAPACITY];
+    lockMutex(&q->indexLock);
+    int count = q->producerIndex - q->consumerIndex;
+    int n = 0;
+    for (int i = q->consumerIndex; i < q->producerIndex; i++)
+        items[n++] = q->queue[i];
+    visit(context, count, n > 0 ? items : NULL);
+    unlockMutex(&q->indexLock);
 }

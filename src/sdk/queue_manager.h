@@ -1,6 +1,10 @@
 /*
  * Bounded queues of JSON trees between threads, and the readers-writers
  * lock (writer preference) that guards the one WebSocket connection.
+ *
+ * Ownership: a tree handed to produceObject belongs to the queue (or, when
+ * refused, to the queue's refusal hook); consumeObject hands it to the
+ * consumer, who deletes it.
  */
 #ifndef KC_SDK_QUEUE_MANAGER_H
 #define KC_SDK_QUEUE_MANAGER_H
@@ -15,6 +19,10 @@ struct cJSON;
 
 enum { PRODUCE_NONBLOCKING = 0, PRODUCE_BLOCKING = 1 };
 
+/* What a queue does with a tree a non-blocking produce could not place; it
+ * takes ownership of the tree.  Without one the tree is deleted. */
+typedef void (*QueueRefusal)(cJSON *refused);
+
 struct JsonQueue {
     cJSON **queue;
     sem_t freeSlots;
@@ -22,15 +30,30 @@ struct JsonQueue {
     pthread_mutex_t indexLock;
     int producerIndex;
     int consumerIndex;
+    QueueRefusal onRefused;
 };
 
+/* Ring of capacity slots, empty, without a refusal hook. */
 void initQueue(JsonQueue *q, int capacity);
 void deleteQueue(JsonQueue *q);
+void setQueueRefusal(JsonQueue *q, QueueRefusal onRefused);
 /* 1 when queued; 0 when a non-blocking produce found the queue full (the
- * tree is then answered with error 10002 and deleted). */
+ * tree then goes to the refusal hook). */
 int produceObject(JsonQueue *q, cJSON *tree, int mode);
 void consumeObject(JsonQueue *q, cJSON **tree);
 int freeSlotCount(JsonQueue *q);
+
+/*
+ * A snapshot of what is queued, taken under the queue's index lock: count
+ * is producer index minus consumer index (negative once the ring has
+ * wrapped, 0 when empty or full), and items are the trees from the consumer
+ * index up to the producer index, oldest first (none unless count > 0).
+ * visit runs with the lock held, so no consumer can take and delete those
+ * trees meanwhile; it must not keep the pointers.
+ */
+typedef void (*QueueSnapshotVisit)(void *context, int count,
+                                   const cJSON *const *items);
+void snapshotQueue(JsonQueue *q, QueueSnapshotVisit visit, void *context);
 
 struct ConnectionLock {
     pthread_mutex_t readerEntry;

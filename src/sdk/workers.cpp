@@ -13,12 +13,16 @@
 
 #include "json/json_parser.h"
 #include "linux/thread.h"
+#include "sdk/sdk_private.h"
 #include "util/debug.h"
 #include "util/kapri_util.h"
 
-ConnectionLock *nimbConnectionLock(void);
+static ReplySentHook s_replySentHook = NULL;
 
-std::atomic<cJSON *> g_pendingAckReply{nullptr};
+void setReplySentHook(ReplySentHook hook)
+{
+    s_replySentHook = hook;
+}
 
 static const char kDashes[] =
     "-----------------------------------------------------------------------------";
@@ -82,20 +86,11 @@ void readJsonCommand(cJSON **request)
     KC_DEBUG_AT(588, "consumeObject: end\n");
 }
 
-/* Clears the pending dxSetNetworkSettings reply once it has been sent. */
+/* Tells whoever waits for this reply that it has left the device. */
 static void acknowledgeSent(const cJSON *tree)
 {
-    const char *id = jsonGetString(tree, "id");
-    if (id == NULL)
-        return; /* notifications never match */
-    cJSON *pending = g_pendingAckReply;
-    if (pending == NULL)
-        return;
-    const char *pendingId = jsonGetString(pending, "id");
-    if (pendingId == NULL || strcmp(pendingId, id) != 0)
-        return;
-    g_pendingAckReply = NULL;
-    KC_DEBUG_AT(660, "queueReader: dxSetNetworkSettings method reply ack message is sent.\n");
+    if (s_replySentHook != NULL && s_replySentHook(tree))
+        KC_DEBUG_AT(660, "queueReader: dxSetNetworkSettings method reply ack message is sent.\n");
 }
 
 void *queueReader(void *arg)

@@ -9,19 +9,34 @@
 
 int g_debugFlag = 0;
 
+static void printDebugLine(int pid, const char *module, const char *func,
+                           int line, const char *fmt, va_list ap)
+{
+    char message[2048];
+    vsnprintf(message, sizeof message, fmt, ap);
+    /* One write per line keeps lines of concurrent threads apart. */
+    char out[2304];
+    snprintf(out, sizeof out, "[PID %d][FUNC %s::%s][LINE %d]: %s", pid,
+             module, func, line, message);
+    fputs(out, stdout);
+}
+
 void kcDebugPrint(const char *module, const char *func, int line,
                   const char *fmt, ...)
 {
-    char message[2048];
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(message, sizeof message, fmt, ap);
+    printDebugLine(currentThreadId(), module, func, line, fmt, ap);
     va_end(ap);
-    /* One write per line keeps lines of concurrent threads apart. */
-    char out[2304];
-    snprintf(out, sizeof out, "[PID %d][FUNC %s::%s][LINE %d]: %s",
-             currentThreadId(), module, func, line, message);
-    fputs(out, stdout);
+}
+
+void kcDebugPrintAs(int pid, const char *module, const char *func, int line,
+                    const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    printDebugLine(pid, module, func, line, fmt, ap);
+    va_end(ap);
 }
 
 void kcAssertFail(const char *expr, const char *module, int line,

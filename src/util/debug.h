@@ -19,6 +19,10 @@ extern int g_debugFlag;
 
 void kcDebugPrint(const char *module, const char *func, int line,
                   const char *fmt, ...) __attribute__((format(printf, 4, 5)));
+/* The same line in the name of another thread (pid is its id): for work a
+ * thread does on behalf of the one a signal hit. */
+void kcDebugPrintAs(int pid, const char *module, const char *func, int line,
+                    const char *fmt, ...) __attribute__((format(printf, 5, 6)));
 
 [[noreturn]] void kcAssertFail(const char *expr, const char *module, int line,
                                const char *func);
@@ -29,6 +33,11 @@ void kcDebugPrint(const char *module, const char *func, int line,
             kcDebugPrint(KC_MODULE, __func__, (line), __VA_ARGS__); \
     } while (0)
 #define KC_DEBUG(...) KC_DEBUG_AT(__LINE__, __VA_ARGS__)
+#define KC_DEBUG_AS(pid, func, line, ...)                                 \
+    do {                                                                  \
+        if (g_debugFlag)                                                  \
+            kcDebugPrintAs((pid), KC_MODULE, (func), (line), __VA_ARGS__); \
+    } while (0)
 
 /* text is the expression exactly as the report must show it. */
 #define KC_ASSERT_AT(line, cond, text)                           \

@@ -1,6 +1,6 @@
 /*
  * Device helpers: shell and UCI access, system facts, dump colouring,
- * update-interval names, the agent's settings and the queue backup.
+ * update-interval names and the agent's settings.
  */
 #ifndef KC_UTIL_KAPRI_UTIL_H
 #define KC_UTIL_KAPRI_UTIL_H
@@ -9,8 +9,6 @@
 #include <stdio.h>
 
 #include <atomic>
-
-struct JsonQueue;
 
 #define KAPRI_UTIL_SCRIPT "/usr/sbin/kapri_util.lua"
 
@@ -98,10 +96,5 @@ extern int g_timeSyncPeriod;
 extern int g_remoteAccessTimeout;
 
 void load_settings_to_globals(void);
-
-/* ---- queue backup ---- */
-
-void backup_queue(JsonQueue *queue, const char *file);
-void backup_all_queues(void);
 
 #endif

@@ -1,5 +1,6 @@
 """Command line, connection-state file, close and reconnection lines, the
 SIGTERM handler and the stop on text that is not JSON."""
+import json
 import re
 import signal
 import time
@@ -7,6 +8,7 @@ import time
 import pytest
 
 from conftest import MAC
+from simdevice import TARGET
 
 DEBUG_START = re.compile(
     r"^\[PID \d+\]\[FUNC nimb_client\.cpp::main\]\[LINE 100\]: Starting Korvat Cloud Client$")
@@ -94,8 +96,8 @@ def test_state_file_reads_zero_while_the_first_connection_is_opened(peer, start_
 
 
 def test_state_file_reads_zero_while_the_server_is_away(device, server, start_agent):
-    device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
-    device.uci("commit", "korvatCloud")
+    device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=1")
+    device.uci_ok("commit", "korvatCloud")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
     server.ping("x")
@@ -132,18 +134,47 @@ def test_sigterm_to_main_thread_closes_and_reconnects_promptly(server, start_age
     assert agent.alive()
 
 
-def test_sigterm_to_a_worker_thread_only_reports(device, server, start_agent):
+def thread_signal_masks(device, tid):
+    """(blocked, pending) SIGTERM bits of one agent thread, from the host."""
+    tgid, host_tid = device.host_tid(tid)
+    with open("/proc/%d/task/%d/status" % (tgid, host_tid)) as f:
+        status = dict(line.rstrip("\n").split(":\t", 1) for line in f if ":\t" in line)
+    bit = 1 << (signal.SIGTERM - 1)
+    return bool(int(status["SigBlk"], 16) & bit), bool(int(status["SigPnd"], 16) & bit)
+
+
+def test_sigterm_to_a_worker_thread_is_held_back(device, server, start_agent):
+    """Threads without a part in the SIGTERM behaviour block it, so that a
+    process-wide SIGTERM can only reach the main thread or the timer."""
     agent = start_agent(server.url)
     conn = server.wait_for_connection(15)
-    # The sending thread's id, as it prints it (under emulation the process
+    # The receiving thread's id, as it prints it (under emulation the process
     # also holds the emulator's own helper threads).
     i = agent.out.wait_for(re.compile(r"^\[PID \d+\]\[FUNC nimb_sdk.cpp::queueWriter\]"))
     worker = int(re.match(r"\[PID (\d+)\]", agent.out.lines[i]).group(1))
     assert worker != agent.main_tid() and worker in agent.threads()
     device.signal_thread(worker, signal.SIGTERM)
-    agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
-    assert conn.is_open
     assert server.request("dxGetAbout", {"deviceId": MAC}).data["result"]["deviceId"] == MAC
+    time.sleep(0.5)
+    assert conn.is_open
+    assert agent.out.count("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.") == 0
+    assert "killall -9 korvat-cloud" not in device.journal()
+    if not TARGET:
+        # natively the kernel shows it: blocked in that thread, and pending
+        assert thread_signal_masks(device, worker) == (True, True)
+        assert thread_signal_masks(device, agent.main_tid()) == (False, False)
+
+
+def test_process_directed_sigterm_reaches_the_main_thread(device, server, start_agent):
+    """kill PID (what a service manager sends) closes the connection only."""
+    agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    agent.out.wait_for(re.compile(r"\]\[FUNC nimb_sdk.cpp::readJsonCommand\]"))
+    device.signal(agent.main_tid(), signal.SIGTERM)
+    assert first.wait_closed(10)
+    agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
+    server.wait_for_connection(15)
+    assert agent.alive()
     assert "killall -9 korvat-cloud" not in device.journal()
 
 
@@ -172,3 +203,67 @@ def test_text_that_is_not_json_stops_the_agent(server, start_agent):
     assert ("korvat-cloud: nimb_sdk.cpp:568: queueWriter: Assertion "
             "`((void *)0) != root' failed.") in agent.err.lines
     agent.out.wait_for("Recieved text frame: 5")
+
+
+def test_sigterm_to_a_thread_not_named_in_the_timer_file_does_not_kill(device, server,
+                                                                       start_agent):
+    agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    agent.out.wait_for(re.compile(r"\]\[FUNC nimb_sdk.cpp::readJsonCommand\]"))
+    tid = agent.main_tid()
+    # the file names other threads only
+    device.write_file("/tmp/cloud_timer_pid", "99999\n%d\n" % (tid + 100000))
+    device.signal_thread(tid, signal.SIGTERM)
+    first.wait_closed(10)
+    second = server.wait_for_connection(15)
+    assert server.request("dxGetAbout", {"deviceId": MAC}).data["result"]["deviceId"] == MAC
+    assert agent.alive()
+    assert "killall -9 korvat-cloud" not in device.journal()
+    assert agent.out.count("Backup queue commands to file...") == 0
+    # the file was there, so no message about a missing one
+    assert agent.out.count("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.") == 0
+    assert second is not first
+
+
+SLOW_SNTOOL = "sleep 6\necho TAG-SLOW\n"
+
+
+def test_sigterm_while_the_main_thread_is_busy_closes_at_once(device, server, start_agent):
+    r = device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
+    assert r.returncode == 0
+    assert device.uci("commit", "korvatCloud").returncode == 0
+    agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    device.set_script("sntool", SLOW_SNTOOL)
+    server.send_text(json.dumps({"jsonrpc": "2.0", "id": "busy", "method": "dxGetAbout",
+                                 "params": {"deviceId": MAC}}))
+    assert device.wait_journal("sntool")
+    # the main thread is inside the handler, waiting for sntool
+    started = time.monotonic()
+    device.signal_thread(agent.main_tid(), signal.SIGTERM)
+    assert first.wait_closed(3), "the connection stayed open while the handler ran"
+    assert time.monotonic() - started < 3
+    second = server.wait_for_connection(15)
+    # the busy request still gets its reply, on the new connection
+    msg = server.next_message(15)
+    assert msg.data["id"] == "busy" and msg.conn is second
+    assert msg.data["result"]["serviceTag"] == "TAG-SLOW"
+    assert agent.alive()
+
+
+def test_sigterm_to_the_recorded_thread_kills_even_while_it_is_busy(device, server,
+                                                                  start_agent):
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    device.set_script("sntool", SLOW_SNTOOL)
+    tid = agent.main_tid()
+    device.write_file("/tmp/cloud_timer_pid", "%d\n" % tid)
+    server.send_text(json.dumps({"jsonrpc": "2.0", "id": "busy", "method": "dxGetAbout",
+                                 "params": {"deviceId": MAC}}))
+    assert device.wait_journal("sntool")
+    started = time.monotonic()
+    device.signal_thread(tid, signal.SIGTERM)
+    assert agent.wait_exit(10) == 128 + signal.SIGKILL
+    assert time.monotonic() - started < 4
+    assert agent.out.count("Backup queue commands to file...") == 1
+    assert "killall -9 korvat-cloud" in device.journal()

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "test_support.h"
+#include "sdk/queue_backup.h"
 #include "util/kapri_util.h"
 
 using namespace kctest;

@@ -14,10 +14,9 @@
 #include "json/json_parser.h"
 #include "sdk/nimb_sdk.h"
 #include "sdk/queue_manager.h"
+#include "sdk/sdk_private.h"
 #include "test_support.h"
 #include "util/kapri_util.h"
-
-ConnectionLock *nimbConnectionLock(void);
 
 namespace {
 

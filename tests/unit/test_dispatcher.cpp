@@ -97,6 +97,19 @@ TEST(Dispatcher, MethodNamesAreCaseSensitive)
     EXPECT_EQ(errorText("\"7\"", -32601, kNoMethod), o.replies[0]);
 }
 
+TEST(Dispatcher, MethodNamesMustMatchWhole)
+{
+    // neither a longer name nor a prefix of a known one selects its handler
+    for (const char *method : {"dxGetAboutX", "dxGetAbou", "dxGetAbout ", ""}) {
+        std::string text = std::string("{\"jsonrpc\":\"2.0\",\"method\":\"") + method +
+                           "\",\"id\":\"9\",\"params\":{\"deviceId\":\"x\"}}";
+        Outcome o = dispatch(text.c_str());
+        EXPECT_EQ(std::string("Command handler not yet implemented for: ") + method + "\n", o.out);
+        ASSERT_EQ(1u, o.replies.size()) << method;
+        EXPECT_EQ(errorText("\"9\"", -32601, kNoMethod), o.replies[0]) << method;
+    }
+}
+
 TEST(Dispatcher, NumericIdIsAnInvalidRequestAnsweredWithANullId)
 {
     Outcome o = dispatch("{\"jsonrpc\":\"2.0\",\"method\":\"dxGetAbout\",\"id\":7,\"params\":{}}");

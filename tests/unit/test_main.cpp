@@ -1,6 +1,7 @@
 /*
- * Entry point of the unit tests: the four queues exist for every test (the
- * error replies and handler replies land in the reply queue), and a write
+ * Entry point of the unit tests: the four queues exist for every test, as
+ * the connection manager makes them (the error replies and handler replies
+ * land in the reply queue; the receive queue answers 10002), and a write
  * to a closed peer reports EPIPE instead of killing the process, as in the
  * running agent.
  */
@@ -21,8 +22,6 @@ int main(int argc, char **argv)
 {
     ::testing::InitGoogleTest(&argc, argv);
     signal(SIGPIPE, SIG_IGN);
-    initQueue(&g_recvQueue, QUEUE_CAPACITY);
-    for (int i = 0; i < SEND_QUEUE_COUNT; i++)
-        initQueue(&g_sendQueues[i], QUEUE_CAPACITY);
+    initNimbQueues();
     return RUN_ALL_TESTS();
 }

@@ -49,15 +49,6 @@ public:
     JsonQueue q;
 };
 
-bool waitFor(const std::function<bool()> &condition, int ms = 3000)
-{
-    for (int waited = 0; waited < ms; waited += 5) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return condition();
-}
 
 } // namespace
 
@@ -124,23 +115,50 @@ TEST(JsonQueue, OrderIsKeptAcrossTheWrapOfTheRing)
     EXPECT_EQ((35 % 10), lq.q.consumerIndex);
 }
 
-TEST(JsonQueue, FullQueueRefusesWithoutTouchingQueuedTrees)
+std::vector<std::string> *s_refused = nullptr;
+void recordRefusal(cJSON *tree)
+{
+    s_refused->push_back(idOf(tree));
+    cJSON_Delete(tree);
+}
+
+TEST(JsonQueue, FullQueueHandsRefusedTreesToItsHookWithoutTouchingQueuedTrees)
 {
     LocalQueue lq;
+    std::vector<std::string> refused;
+    s_refused = &refused;
+    setQueueRefusal(&lq.q, recordRefusal);
     drainReplies();
     for (int i = 0; i < 10; i++)
         ASSERT_EQ(1, produceObject(&lq.q, request(i), PRODUCE_NONBLOCKING));
     EXPECT_EQ(0, produceObject(&lq.q, request(98), PRODUCE_NONBLOCKING));
     EXPECT_EQ(0, produceObject(&lq.q, request(99), PRODUCE_NONBLOCKING));
-    std::vector<std::string> replies = drainReplies();
-    ASSERT_EQ(2u, replies.size());
-    EXPECT_NE(std::string::npos, replies[0].find("\"id\":\"98\""));
-    EXPECT_NE(std::string::npos, replies[1].find("\"id\":\"99\""));
+    s_refused = nullptr;
+    EXPECT_EQ((std::vector<std::string>{"98", "99"}), refused);
+    // the queue layer itself answers nothing
+    EXPECT_TRUE(drainReplies().empty());
     EXPECT_EQ(10, filledCount(lq.q));
     cJSON *first = nullptr;
     consumeObject(&lq.q, &first);
     EXPECT_EQ("0", idOf(first));
     cJSON_Delete(first);
+}
+
+TEST(JsonQueue, WithoutAHookARefusedTreeIsDeleted)
+{
+    LocalQueue lq;
+    for (int i = 0; i < 10; i++)
+        ASSERT_EQ(1, produceObject(&lq.q, request(i), PRODUCE_NONBLOCKING));
+    std::set<void *> freed;
+    s_freed = &freed;
+    cJSON_Hooks hooks = {malloc, recordingFree};
+    cJSON_InitHooks(&hooks);
+    cJSON *eleventh = request(10);
+    EXPECT_EQ(0, produceObject(&lq.q, eleventh, PRODUCE_NONBLOCKING));
+    cJSON_InitHooks(nullptr);
+    s_freed = nullptr;
+    EXPECT_EQ(1u, freed.count(eleventh));
+    EXPECT_EQ(10, filledCount(lq.q));
 }
 
 TEST(JsonQueue, BlockingProducerResumesWhenOneTreeIsTaken)
@@ -165,6 +183,39 @@ TEST(JsonQueue, BlockingProducerResumesWhenOneTreeIsTaken)
         consumeObject(&lq.q, &tree);
         EXPECT_EQ(std::to_string(i), idOf(tree));
         cJSON_Delete(tree);
+    }
+}
+
+TEST(JsonQueue, ReplyWriterBlocksOnAFullReplyQueueAndResumesWhenASlotFrees)
+{
+    JsonQueue &replies = g_sendQueues[SEND_QUEUE_REPLY];
+    drainReplies();
+    for (int i = 0; i < 10; i++)
+        writeJsonReply(request(i));
+    ASSERT_EQ(0, freeSlotCount(&replies));
+
+    std::atomic<bool> returned{false};
+    std::thread handler([&] {
+        writeJsonReply(request(10));
+        returned = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_FALSE(returned.load()) << "the reply writer went past a full queue";
+
+    cJSON *tree = nullptr;
+    consumeObject(&replies, &tree);
+    EXPECT_EQ("0", idOf(tree));
+    cJSON_Delete(tree);
+    EXPECT_TRUE(waitFor([&] { return returned.load(); }));
+    handler.join();
+    // every reply is there, in order, and nothing was refused
+    std::vector<std::string> rest = drainReplies();
+    ASSERT_EQ(10u, rest.size());
+    for (int i = 1; i <= 10; i++) {
+        cJSON *r = cJSON_Parse(rest[(size_t)i - 1].c_str());
+        EXPECT_EQ(std::to_string(i), idOf(r));
+        EXPECT_EQ(nullptr, cJSON_GetObjectItem(r, "error"));
+        cJSON_Delete(r);
     }
 }
 

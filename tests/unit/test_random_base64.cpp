@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "sdk/nimb_sdk.h"
 #include "websocket/websocket_client.h"
 
 TEST(Random, SeedOneGivesTheHandComputedSequence)
@@ -91,4 +92,28 @@ TEST(Base64, OutputThatWouldNotFitWithItsTerminatorIsRefused)
     EXPECT_EQ("dGhlIHNhbXBsZSBub25jZQ==", encode("the sample nonce", 25));
     char out[1];
     EXPECT_EQ(-1, base64Encode(reinterpret_cast<const unsigned char *>("x"), 1, out, 0));
+}
+
+TEST(RetryDelay, TheIntervalForTenMinutesThenSixtyToOneHundredNineteen)
+{
+    seedRandom(12345);
+    int attempts = 0;
+    for (int i = 0; i < 61; i++)
+        ASSERT_EQ(10u, retryDelay(10, &attempts)) << "attempt " << i;
+    EXPECT_EQ(61, attempts);
+    // from here the generator decides: 60 + value % 60, for seed 12345
+    const unsigned int expected[] = {100, 82, 71, 70, 113, 66, 60, 67};
+    for (unsigned int want : expected)
+        EXPECT_EQ(want, retryDelay(10, &attempts));
+    EXPECT_EQ(61, attempts); // back-off waits are not counted
+}
+
+TEST(RetryDelay, ThirtySecondsFor21AttemptsThenTheBackOff)
+{
+    seedRandom(12345);
+    int attempts = 0;
+    for (int i = 0; i < 21; i++)
+        ASSERT_EQ(30u, retryDelay(30, &attempts));
+    EXPECT_EQ(100u, retryDelay(30, &attempts));
+    EXPECT_EQ(82u, retryDelay(30, &attempts));
 }

@@ -10,11 +10,13 @@
  */
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
 
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include "linux/socket.h"
@@ -24,10 +26,14 @@ using namespace kctest;
 
 /*
  * Name resolution seen by the code under test.  The one test name
- * "several.korvat.test" resolves to ::1 and then 127.0.0.1, in that order;
- * every other name goes to the C library.
+ * "several.korvat.test" resolves to 127.0.0.2 and then 127.0.0.1, in that
+ * order (two IPv4 loopback addresses: every Linux machine has them, so
+ * these tests never depend on an IPv6 loopback); every other name goes to
+ * the C library.
  */
 static const char kSeveral[] = "several.korvat.test";
+static const char kFirst[] = "127.0.0.2";
+static const char kSecond[] = "127.0.0.1";
 
 extern "C" int getaddrinfo(const char *node, const char *service, const struct addrinfo *hints,
                            struct addrinfo **res)
@@ -40,34 +46,35 @@ extern "C" int getaddrinfo(const char *node, const char *service, const struct a
     memset(&numeric, 0, sizeof numeric);
     numeric.ai_socktype = hints != nullptr ? hints->ai_socktype : SOCK_STREAM;
     numeric.ai_flags = AI_NUMERICHOST;
-    struct addrinfo *v6 = nullptr, *v4 = nullptr;
-    numeric.ai_family = AF_INET6;
-    int rc = real("::1", service, &numeric, &v6);
+    numeric.ai_family = AF_INET;
+    struct addrinfo *first = nullptr, *second = nullptr;
+    int rc = real(kFirst, service, &numeric, &first);
     if (rc != 0)
         return rc;
-    numeric.ai_family = AF_INET;
-    rc = real("127.0.0.1", service, &numeric, &v4);
+    rc = real(kSecond, service, &numeric, &second);
     if (rc != 0) {
-        freeaddrinfo(v6);
+        freeaddrinfo(first);
         return rc;
     }
-    struct addrinfo *last = v6;
+    struct addrinfo *last = first;
     while (last->ai_next != nullptr)
         last = last->ai_next;
-    last->ai_next = v4;
-    *res = v6;
+    last->ai_next = second;
+    *res = first;
     return 0;
 }
 
 namespace {
 
-int peerFamily(int fd)
+/* The peer's IPv4 address as text ("" when there is none). */
+std::string peerAddress(int fd)
 {
-    struct sockaddr_storage ss;
-    socklen_t len = sizeof ss;
-    if (getpeername(fd, (struct sockaddr *)&ss, &len) != 0)
-        return -1;
-    return ss.ss_family;
+    struct sockaddr_in sin;
+    socklen_t len = sizeof sin;
+    if (getpeername(fd, (struct sockaddr *)&sin, &len) != 0 || sin.sin_family != AF_INET)
+        return "";
+    char text[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &sin.sin_addr, text, sizeof text) ? text : "";
 }
 
 struct Pair {
@@ -88,27 +95,17 @@ struct Pair {
     }
 };
 
-bool ipv6LoopbackAvailable()
-{
-    int port = 0;
-    int fd = listenOn("::1", &port, AF_INET6);
-    if (fd < 0)
-        return false;
-    close(fd);
-    return true;
-}
-
-/* Listeners on ::1 and 127.0.0.1 sharing one port. */
-bool listenOnBoth(int *v6, int *v4, int *port)
+/* Listeners on the two addresses of kSeveral sharing one port. */
+bool listenOnBoth(int *first, int *second, int *port)
 {
     for (int attempt = 0; attempt < 20; attempt++) {
-        *v4 = listenOn("127.0.0.1", port);
-        if (*v4 < 0)
+        *second = listenOn(kSecond, port);
+        if (*second < 0)
             return false;
-        *v6 = listenOn("::1", port, AF_INET6, *port);
-        if (*v6 >= 0)
+        *first = listenOn(kFirst, port, AF_INET, *port);
+        if (*first >= 0)
             return true;
-        close(*v4);
+        close(*second);
     }
     return false;
 }
@@ -279,44 +276,38 @@ TEST(SocketConnect, RefusedConnectionGivesMinusOne)
 
 TEST(SocketConnect, FirstAddressThatAcceptsIsUsed)
 {
-    int v6 = -1, v4 = -1, port = 0;
-    if (!ipv6LoopbackAvailable())
-        GTEST_SKIP() << "no IPv6 loopback here";
-    ASSERT_TRUE(listenOnBoth(&v6, &v4, &port));
-    close(v6); // ::1 now refuses; 127.0.0.1 still listens
+    int first = -1, second = -1, port = 0;
+    ASSERT_TRUE(listenOnBoth(&first, &second, &port));
+    close(first); // the first address now refuses; the second still listens
     int fd = connectSocket(kSeveral, port);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(AF_INET, peerFamily(fd));
-    int served = acceptWithin(v4);
+    EXPECT_EQ(kSecond, peerAddress(fd));
+    int served = acceptWithin(second);
     EXPECT_GE(served, 0);
     if (served >= 0)
         close(served);
     closeSocket(fd);
-    close(v4);
+    close(second);
 }
 
 TEST(SocketConnect, AddressesAreTriedInResolverOrder)
 {
-    int v6 = -1, v4 = -1, port = 0;
-    if (!ipv6LoopbackAvailable())
-        GTEST_SKIP() << "no IPv6 loopback here";
-    ASSERT_TRUE(listenOnBoth(&v6, &v4, &port));
+    int first = -1, second = -1, port = 0;
+    ASSERT_TRUE(listenOnBoth(&first, &second, &port));
     int fd = connectSocket(kSeveral, port);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(AF_INET6, peerFamily(fd));
-    EXPECT_TRUE(staysSilent(v4, 50)); // nobody knocked at the second address
+    EXPECT_EQ(kFirst, peerAddress(fd));
+    EXPECT_TRUE(staysSilent(second, 50)); // nobody knocked at the second address
     closeSocket(fd);
-    close(v6);
-    close(v4);
+    close(first);
+    close(second);
 }
 
 TEST(SocketConnect, NoAcceptingAddressGivesMinusOne)
 {
-    int v6 = -1, v4 = -1, port = 0;
-    if (!ipv6LoopbackAvailable())
-        GTEST_SKIP() << "no IPv6 loopback here";
-    ASSERT_TRUE(listenOnBoth(&v6, &v4, &port));
-    close(v6);
-    close(v4);
+    int first = -1, second = -1, port = 0;
+    ASSERT_TRUE(listenOnBoth(&first, &second, &port));
+    close(first);
+    close(second);
     EXPECT_EQ(-1, connectSocket(kSeveral, port));
 }

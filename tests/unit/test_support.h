@@ -18,6 +18,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -35,6 +38,17 @@
 #include "websocket/websocket_client.h"
 
 namespace kctest {
+
+/* Polls condition every 5 ms for up to ms milliseconds; its last value. */
+inline bool waitFor(const std::function<bool()> &condition, int ms = 3000)
+{
+    for (int waited = 0; waited < ms; waited += 5) {
+        if (condition())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
 
 /* A directory made with mkdtemp, removed with everything in it. */
 class TempDir {

@@ -6,15 +6,43 @@
  * counts as empty.  The queue itself is left as it is.
  */
 #define KC_MODULE "kapri_util.cpp"
-#include "util/kapri_util.h"
+#include "sdk/queue_backup.h"
 
 #include <cstdio>
 
 #include "json/json_parser.h"
-#include "linux/mutex.h"
 #include "sdk/nimb_sdk.h"
-#include "sdk/queue_manager.h"
 #include "util/debug.h"
+
+namespace {
+struct BackupFile {
+    const char *file;
+};
+} // namespace
+
+/* Runs under the queue's index lock (snapshotQueue). */
+static void writeSnapshot(void *context, int count, const cJSON *const *items)
+{
+    const char *file = static_cast<BackupFile *>(context)->file;
+    if (count == 0) {
+        printf("Func %s: Queue is emtpy\n", "backup_queue");
+        return;
+    }
+    FILE *out = fopen(file, "w+t");
+    if (out == NULL) {
+        printf("Func %s: Fail To Open File %s!\n", file, "backup_queue");
+        return;
+    }
+    fprintf(out, "%d\n", count);
+    for (int i = 0; i < count; i++) {
+        char *text = jsonPrint(items[i]);
+        if (text == NULL)
+            continue;
+        fprintf(out, "%s\n", text);
+        jsonFreeText(text);
+    }
+    fclose(out);
+}
 
 void backup_queue(JsonQueue *queue, const char *file)
 {
@@ -22,29 +50,8 @@ void backup_queue(JsonQueue *queue, const char *file)
         printf("Func %s: Queue or backup filename is NULL!\n", "backup_queue");
         return;
     }
-    lockMutex(&queue->indexLock);
-    int count = queue->producerIndex - queue->consumerIndex;
-    if (count == 0) {
-        unlockMutex(&queue->indexLock);
-        printf("Func %s: Queue is emtpy\n", "backup_queue");
-        return;
-    }
-    FILE *out = fopen(file, "w+t");
-    if (out == NULL) {
-        unlockMutex(&queue->indexLock);
-        printf("Func %s: Fail To Open File %s!\n", file, "backup_queue");
-        return;
-    }
-    fprintf(out, "%d\n", count);
-    for (int i = queue->consumerIndex; i < queue->producerIndex; i++) {
-        char *text = jsonPrint(queue->queue[i]);
-        if (text == NULL)
-            continue;
-        fprintf(out, "%s\n", text);
-        jsonFreeText(text);
-    }
-    fclose(out);
-    unlockMutex(&queue->indexLock);
+    BackupFile context = {file};
+    snapshotQueue(queue, writeSnapshot, &context);
 }
 
 void backup_all_queues(void)

@@ -1,0 +1,99 @@
+/*
+ * The reply whose departure dxSetNetworkSettings waits for: the sending
+ * thread, through the connection manager's reply-sent hook, clears the
+ * pending slot once that very reply (same "id" text) has been written to
+ * the connection, and leaves it for any other tree.
+ */
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+
+#include "client/handlers.h"
+#include "sdk/nimb_sdk.h"
+#include "sdk/sdk_private.h"
+#include "test_support.h"
+
+using namespace kctest;
+
+namespace {
+
+/* A sending thread on its own queue, writing to a socketpair. */
+struct SendingThread {
+    SendingThread()
+    {
+        initQueue(&queue, QUEUE_CAPACITY);
+        initConnectionLock(nimbConnectionLock());
+        saved = g_wbsConnection;
+        g_wbsConnection = pc.conn;
+        setReplySentHook(pendingAckReplySent);
+        testing::internal::CaptureStdout();
+        pthread_t thread;
+        if (pthread_create(&thread, nullptr, queueReader, &queue) != 0)
+            abort();
+        pthread_detach(thread);
+    }
+    ~SendingThread()
+    {
+        // the thread waits on its own (static) queue for good; once the
+        // write side is ours it is out of any send
+        connectionWriteLock(nimbConnectionLock());
+        g_wbsConnection = saved;
+        connectionWriteUnlock(nimbConnectionLock());
+        testing::internal::GetCapturedStdout();
+        setReplySentHook(nullptr);
+    }
+    /* Queues text and waits until its frame has reached the peer. */
+    void sendAndWait(const char *text, cJSON **tree = nullptr)
+    {
+        cJSON *t = cJSON_Parse(text);
+        if (tree != nullptr)
+            *tree = t;
+        ASSERT_EQ(1, produceObject(&queue, t, PRODUCE_BLOCKING));
+        std::string frame = readSome(pc.peer, 2 + 4 + strlen(text));
+        ASSERT_EQ(2 + 4 + strlen(text), frame.size());
+    }
+    static JsonQueue queue;
+    PairConnection pc;
+    WbsConnection *saved = nullptr;
+};
+JsonQueue SendingThread::queue;
+
+} // namespace
+
+TEST(PendingAck, TheSlotIsClearedOnceItsReplyHasBeenSent)
+{
+    SendingThread sender;
+    const char other[] = "{\"jsonrpc\":\"2.0\",\"id\":\"40\",\"result\":{}}";
+    const char notice[] = "{\"jsonrpc\":\"2.0\",\"method\":\"dsEventNotifications\",\"params\":{}}";
+    const char reply[] = "{\"jsonrpc\":\"2.0\",\"id\":\"41\",\"result\":{\"deviceId\":\"m\"}}";
+    cJSON *pending = cJSON_Parse(reply);
+    g_pendingAckReply = pending;
+
+    // another reply and a notification (no "id") leave the slot alone
+    sender.sendAndWait(other);
+    sender.sendAndWait(notice);
+    EXPECT_EQ(pending, g_pendingAckReply.load());
+
+    // the pending reply itself (the same tree, as the handler queues it)
+    sender.sendAndWait(reply, nullptr);
+    EXPECT_TRUE(waitFor([] { return g_pendingAckReply.load() == nullptr; }))
+        << "the slot was not cleared after its reply was sent";
+    cJSON_Delete(pending);
+}
+
+TEST(PendingAck, TheHookMatchesTheIdTextOnly)
+{
+    cJSON *pending = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"7\",\"result\":{}}");
+    g_pendingAckReply = pending;
+    cJSON *numeric = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":7,\"result\":{}}");
+    cJSON *other = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"70\",\"result\":{}}");
+    cJSON *same = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"7\",\"error\":{}}");
+    EXPECT_EQ(0, pendingAckReplySent(numeric));
+    EXPECT_EQ(0, pendingAckReplySent(other));
+    EXPECT_EQ(pending, g_pendingAckReply.load());
+    EXPECT_EQ(1, pendingAckReplySent(same));
+    EXPECT_EQ(nullptr, g_pendingAckReply.load());
+    EXPECT_EQ(0, pendingAckReplySent(same)); // nothing pending any more
+    for (cJSON *t : {pending, numeric, other, same})
+        cJSON_Delete(t);
+}
