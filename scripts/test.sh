@@ -4,7 +4,7 @@
 #   2. builds the agent and runs the unit, simulated-device and end-to-end
 #      suites (the agent always runs inside the simulated device),
 #   3. does the same with AddressSanitizer and UndefinedBehaviorSanitizer,
-#   4. runs each fuzz target for a bounded time (KC_FUZZ_SECONDS, default 60),
+#   4. runs each fuzz target for a bounded time (KC_FUZZ_SECONDS, default 30),
 #   5. cross-builds for the big-endian MIPS target and runs the unit and
 #      end-to-end suites under qemu-mips (target/test-target.sh).
 # Set KC_SKIP_FUZZ=1, KC_SKIP_SANITIZE=1 or KC_SKIP_TARGET=1 to leave a
