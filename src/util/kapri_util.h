@@ -10,6 +10,8 @@
 
 #include <atomic>
 
+#include "util/shell_quote.h"
+
 #define KAPRI_UTIL_SCRIPT "/usr/sbin/kapri_util.lua"
 
 /* ---- shell and UCI ---- */

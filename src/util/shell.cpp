@@ -169,8 +169,13 @@ int uci_set(const char *path, const char *value)
 {
     if (path == NULL || value == NULL)
         return 0;
+    /* The value reaches uci literally: inside the double quotes, " $ `
+     * and \ get a backslash, so a value without them gives the command
+     * line exactly as before. */
+    char *escaped = shell_escape_dquoted(value);
     char cmd[1024];
-    snprintf(cmd, sizeof cmd, "uci set %s=\"%s\"", path, value);
+    snprintf(cmd, sizeof cmd, "uci set %s=\"%s\"", path, escaped);
+    free(escaped);
     run_system_command(cmd);
     return 1;
 }
