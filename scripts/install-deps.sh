@@ -1,5 +1,6 @@
 #!/bin/sh
-# Installs the Debian packages the build, the simulated device, the tests and
+# Installs the Debian packages the build, the simulated device, the tests
+# (with the interoperability suite's Node ws and libwebsockets servers) and
 # the big-endian MIPS target build (cross compilers, qemu-user) need.  Safe
 # to run again: it only calls apt-get when something is missing.
 set -eu
@@ -7,7 +8,8 @@ set -eu
 PACKAGES="build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
 libcjson-dev libssl-dev libminiupnpc-dev libgtest-dev
 python3 python3-websockets python3-pytest bubblewrap busybox iproute2 openssl procps psmisc
-file gcc-mips-linux-gnu g++-mips-linux-gnu qemu-user dpkg-dev"
+file gcc-mips-linux-gnu g++-mips-linux-gnu qemu-user dpkg-dev
+nodejs node-ws libwebsockets-dev"
 
 missing=""
 for p in $PACKAGES; do
