@@ -553,6 +553,15 @@ class Device:
         return subprocess.run(uci_sandbox_argv(self.run, args), text=True,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
+    def uci_ok(self, *args):
+        """uci that must succeed: its output, or an error with uci's own
+        message."""
+        r = self.uci(*args)
+        if r.returncode != 0:
+            raise RuntimeError("uci %s failed (%d): %s"
+                               % (" ".join(args), r.returncode, r.stderr.strip()))
+        return r.stdout
+
     def uci_get(self, path):
         """Value as `uci get` would print it (staged changes included), or
         None when the entry does not exist."""

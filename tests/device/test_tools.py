@@ -36,11 +36,11 @@ def test_fact_pipelines(device):
 
 
 def test_lan_values_follow_committed_config(device):
-    device.uci("set", "network.lan.ipaddr=10.1.2.3")
-    device.uci("set", "network.lan.netmask=255.255.0.0")
+    device.uci_ok("set", "network.lan.ipaddr=10.1.2.3")
+    device.uci_ok("set", "network.lan.netmask=255.255.0.0")
     out = one(device, "ifconfig br-lan; ip route")
     assert "inet addr:192.168.1.2 " in out  # not applied yet
-    device.uci("commit")
+    device.uci_ok("commit")
     out = one(device, "ifconfig br-lan; ip route")
     assert "inet addr:10.1.2.3  Bcast:10.1.255.255  Mask:255.255.0.0" in out
     assert "10.1.0.0/16 dev br-lan" in out
@@ -90,9 +90,9 @@ $K add_a_notification 2 INFO Reboot
 
 
 def test_network_config_reflects_uci(device):
-    device.uci("set", "wireless.w1_index2.ssid=Lab")
-    device.uci("set", "wireless.w1_index2.encryption=wpa2 aes")
-    device.uci("set", "wireless.w1_index2.server=10.0.0.9")
+    device.uci_ok("set", "wireless.w1_index2.ssid=Lab")
+    device.uci_ok("set", "wireless.w1_index2.encryption=wpa2 aes")
+    device.uci_ok("set", "wireless.w1_index2.server=10.0.0.9")
     out = one(device, "/usr/sbin/kapri_util.lua vekGetNetworkConfig "
                       "result 52")
     cfgj = json.loads(out)
@@ -101,8 +101,8 @@ def test_network_config_reflects_uci(device):
 
 
 def test_apply_commits(device):
-    device.uci("set", "system.system.SystemName=Applied")
-    device.uci("set", "wireless.w0_index3.ssid=Gone")
+    device.uci_ok("set", "system.system.SystemName=Applied")
+    device.uci_ok("set", "wireless.w0_index3.ssid=Gone")
     one(device, "/usr/sbin/kapri_util.lua rm_wifi_config w0_index3; "
                 "/usr/sbin/kapri_util.lua cloud_action_apply")
     assert device.uci_committed("system.system.SystemName") == "Applied"

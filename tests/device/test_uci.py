@@ -44,36 +44,36 @@ def test_set_is_staged_until_commit(device):
 
 
 def test_commit_all_and_dotted_path(device):
-    device.uci("set", "korvatCloud.korvatCloud.syslog_mode=DEBUG")
-    device.uci("set", "led.led.SystemLED=0")
-    device.uci("commit", "korvatCloud.korvatCloud.syslog_mode")
+    device.uci_ok("set", "korvatCloud.korvatCloud.syslog_mode=DEBUG")
+    device.uci_ok("set", "led.led.SystemLED=0")
+    device.uci_ok("commit", "korvatCloud.korvatCloud.syslog_mode")
     assert device.uci_committed("korvatCloud.korvatCloud.syslog_mode") == \
         "DEBUG"
     assert device.uci_committed("led.led.SystemLED") == "1"
-    device.uci("commit")
+    device.uci_ok("commit")
     assert device.uci_committed("led.led.SystemLED") == "0"
 
 
 def test_revert(device):
-    device.uci("set", "system.system.SystemName=new")
-    device.uci("set", "system.system.timezone=UTC5")
-    device.uci("revert", "system.system.SystemName")
+    device.uci_ok("set", "system.system.SystemName=new")
+    device.uci_ok("set", "system.system.timezone=UTC5")
+    device.uci_ok("revert", "system.system.SystemName")
     assert device.uci_get("system.system.SystemName") == "VK310-AP"
     assert device.uci_get("system.system.timezone") == "UTC5"
-    device.uci("revert", "system")
+    device.uci_ok("revert", "system")
     assert device.uci_get("system.system.timezone") == "UTC0"
     assert device.uci("changes", "system").stdout == ""
 
 
 def test_extended_set_and_anonymous_sections(device):
-    device.uci("set", "dhcp.@dnsmasq[0].resolvfile=/tmp/resolv.conf.auto")
-    device.uci("commit", "dhcp")
+    device.uci_ok("set", "dhcp.@dnsmasq[0].resolvfile=/tmp/resolv.conf.auto")
+    device.uci_ok("commit", "dhcp")
     text = cfg(device, "dhcp")
     assert "\nconfig dnsmasq\n" in text  # stays anonymous
     assert "option resolvfile '/tmp/resolv.conf.auto'" in text
     name = device.uci("add", "ntpclient", "ntpserver").stdout.strip()
     assert name.startswith("cfg")
-    device.uci("set", "ntpclient.%s.hostname=ntp.example" % name)
+    device.uci_ok("set", "ntpclient.%s.hostname=ntp.example" % name)
     assert device.uci_get("ntpclient.@ntpserver[-1].hostname") == \
         "ntp.example"
     assert device.uci_get("ntpclient.@ntpserver[2].hostname") == "ntp.example"
@@ -82,31 +82,31 @@ def test_extended_set_and_anonymous_sections(device):
 def test_section_create_delete_rename_lists(device):
     r = device.uci("set", "wireless.w0_index9.ssid=x")
     assert r.returncode == 1 and r.stderr == "uci: Invalid argument\n"
-    device.uci("set", "wireless.w0_index9=wifi-iface")
-    device.uci("set", "wireless.w0_index9.ssid=New Net")
+    device.uci_ok("set", "wireless.w0_index9=wifi-iface")
+    device.uci_ok("set", "wireless.w0_index9.ssid=New Net")
     assert device.uci_get("wireless.w0_index9") == "wifi-iface"
-    device.uci("add_list", "wireless.w0_index9.maclist=aa")
-    device.uci("add_list", "wireless.w0_index9.maclist=bb")
+    device.uci_ok("add_list", "wireless.w0_index9.maclist=aa")
+    device.uci_ok("add_list", "wireless.w0_index9.maclist=bb")
     assert device.uci_get("wireless.w0_index9.maclist") == "aa bb"
-    device.uci("del_list", "wireless.w0_index9.maclist=aa")
+    device.uci_ok("del_list", "wireless.w0_index9.maclist=aa")
     assert device.uci_get("wireless.w0_index9.maclist") == "bb"
-    device.uci("rename", "wireless.w0_index9.ssid=name")
+    device.uci_ok("rename", "wireless.w0_index9.ssid=name")
     assert device.uci_get("wireless.w0_index9.name") == "New Net"
-    device.uci("commit", "wireless")
+    device.uci_ok("commit", "wireless")
     text = cfg(device, "wireless")
     assert "config wifi-iface 'w0_index9'\n\toption name 'New Net'\n" \
         "\tlist maclist 'bb'\n" in text
-    device.uci("delete", "wireless.w0_index9")
+    device.uci_ok("delete", "wireless.w0_index9")
     assert device.uci_get("wireless.w0_index9") is None
     r = device.uci("delete", "wireless.w0_index9")
     assert r.returncode == 1 and r.stderr == "uci: Entry not found\n"
 
 
 def test_empty_value_deletes_option(device):
-    device.uci("set", "wireless.w0_index1.WLANVLANID=")
+    device.uci_ok("set", "wireless.w0_index1.WLANVLANID=")
     assert device.uci("get", "wireless.w0_index1.WLANVLANID").returncode == 1
-    device.uci("set", "wireless.w0_index1.WLANVLANID=12")
-    device.uci("set", "wireless.w0_index1.WLANVLANID=")
+    device.uci_ok("set", "wireless.w0_index1.WLANVLANID=12")
+    device.uci_ok("set", "wireless.w0_index1.WLANVLANID=")
     assert device.uci_get("wireless.w0_index1.WLANVLANID") is None
 
 
@@ -125,8 +125,8 @@ def test_quoting_round_trip(device):
                 "\toption y it\\'s\n\toption z 'one two'\n")
     assert device.uci_get("test.a.x") == 'say "hi"'
     assert device.uci_get("test.a.y") == "it's"
-    device.uci("set", "test.a.w=quote ' and \" both")
-    device.uci("commit", "test")
+    device.uci_ok("set", "test.a.w=quote ' and \" both")
+    device.uci_ok("commit", "test")
     assert device.uci_get("test.a.w") == "quote ' and \" both"
     assert device.uci_get("test.a.z") == "one two"
 

@@ -31,6 +31,7 @@ FASTSLEEP = os.environ.get("KC_FASTSLEEP") or os.path.join(
 MAC = "00:11:22:33:44:55"
 
 SANITIZER_MARKS = ("AddressSanitizer", "LeakSanitizer", "UndefinedBehaviorSanitizer",
+                   "ThreadSanitizer",
                    "runtime error:")
 
 

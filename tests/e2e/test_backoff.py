@@ -20,10 +20,12 @@ def sleeps(device, count, timeout=30):
 
 def set_retry(device, value):
     if value is None:
-        device.uci("delete", "korvatCloud.korvatCloud.conn_retry")
+        r = device.uci("delete", "korvatCloud.korvatCloud.conn_retry")
     else:
-        device.uci("set", "korvatCloud.korvatCloud.conn_retry=%s" % value)
-    device.uci("commit", "korvatCloud")
+        r = device.uci("set", "korvatCloud.korvatCloud.conn_retry=%s" % value)
+    assert r.returncode == 0, r.stderr
+    r = device.uci("commit", "korvatCloud")
+    assert r.returncode == 0, r.stderr
 
 
 def test_interval_of_30_seconds_for_21_attempts_then_60_to_119(device, start_agent):
@@ -43,3 +45,19 @@ def test_interval_stays_10_seconds_without_a_usable_setting(device, start_agent,
     got = sleeps(device, 65)
     assert got[:61] == [10] * 61
     assert all(60 <= s <= 119 for s in got[61:]), got[61:]
+
+
+def test_the_interval_is_read_again_before_every_reconnection(device, server, start_agent):
+    set_retry(device, 2)
+    agent = start_agent(server.url, fastsleep=True)
+    server.wait_for_connection(15)
+    assert device.journal().count("uci get korvatCloud.korvatCloud.conn_retry") == 1
+    # the setting changes while connected; the next reconnection uses it
+    set_retry(device, 7)
+    server.pause()
+    server.drop()
+    got = sleeps(device, 3)
+    assert got == [7, 7, 7]
+    assert device.journal().count("uci get korvatCloud.korvatCloud.conn_retry") == 2
+    server.resume()
+    server.wait_for_connection(15)

@@ -22,8 +22,8 @@ def request_text(id_, pad_to=None, method="dxNoSuchMethod"):
 
 @pytest.fixture
 def open_peer(device, peer, start_agent):
-    device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
-    device.uci("commit", "korvatCloud")
+    device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=1")
+    device.uci_ok("commit", "korvatCloud")
     agent = start_agent(peer.url())
     peer.handshake(15)
     return agent, peer

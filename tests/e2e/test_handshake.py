@@ -12,8 +12,8 @@ ABOUT = '{"jsonrpc":"2.0","id":"h1","method":"dxGetAbout","params":{"deviceId":"
 
 
 def set_retry(device, seconds):
-    device.uci("set", "korvatCloud.korvatCloud.conn_retry=%d" % seconds)
-    device.uci("commit", "korvatCloud")
+    device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=%d" % seconds)
+    device.uci_ok("commit", "korvatCloud")
 
 
 def test_request_bytes(peer, start_agent):
@@ -146,3 +146,40 @@ def test_server_that_never_answers_is_given_up_after_40_seconds(device, peer, st
     waited = time.monotonic() - started
     # 40 s of read time-out plus the 1 s retry interval
     assert 40 <= waited < 50, waited
+
+
+def mwc_bytes(seed, count):
+    """The low bytes of the first `count` values of the process-wide
+    multiply-with-carry generator after seeding it with `seed`."""
+    m = 0xffffffff
+    w = seed or 1
+    z = (w + 3412) & m
+    out = bytearray()
+    for _ in range(count):
+        z = (36969 * (z & 65535) + (z >> 16)) & m
+        w = (18000 * (w & 65535) + (w >> 16)) & m
+        out.append(((z << 16) + w) & 0xff)
+    return bytes(out)
+
+
+def seed_of_key(key, at):
+    """The seed (time % 874563 for a time near `at`) whose generator gives
+    this key, or None."""
+    raw = base64.b64decode(key)
+    for t in range(int(at) - 3, int(at) + 4):
+        if mwc_bytes(t % 874563, 16) == raw:
+            return t % 874563
+    return None
+
+
+def test_the_generator_is_seeded_from_the_clock_before_every_handshake(device, peer,
+                                                                     start_agent):
+    set_retry(device, 1)
+    start_agent(peer.url())
+    for attempt in range(3):
+        peer.accept(15)
+        key = peer.read_request().key
+        # each key is the first 16 values after a fresh seed taken from the
+        # clock, not the continuation of an earlier sequence
+        assert seed_of_key(key, time.time()) is not None, (attempt, key)
+        peer.send_raw(b"HTTP/1.1 500 Nope\r\n\r\n")

@@ -57,8 +57,8 @@ def test_replies_leave_in_request_order(connected):
 
 def test_replies_queued_while_the_server_is_gone_arrive_after_reconnection(device, server,
                                                                         start_agent):
-    device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
-    device.uci("commit", "korvatCloud")
+    device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=1")
+    device.uci_ok("commit", "korvatCloud")
     device.set_script("sntool", SLOW_ONCE % 2)
     agent = start_agent(server.url)
     first = server.wait_for_connection(15)

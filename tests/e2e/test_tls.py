@@ -15,8 +15,8 @@ def test_requests_flow_over_tls(tls_server, start_agent):
 
 
 def test_reconnections_resume_the_first_session(device, tls_server, start_agent):
-    device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
-    device.uci("commit", "korvatCloud")
+    device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=1")
+    device.uci_ok("commit", "korvatCloud")
     agent = start_agent(tls_server.url)
     tls_server.wait_for_connection(20)
     tls_server.request("dxGetAbout", {"deviceId": MAC}, id="s1")
@@ -32,8 +32,8 @@ def test_reconnections_resume_the_first_session(device, tls_server, start_agent)
 
 
 def test_tls_reconnection_after_server_drop(device, tls_server, start_agent):
-    device.uci("set", "korvatCloud.korvatCloud.conn_retry=1")
-    device.uci("commit", "korvatCloud")
+    device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=1")
+    device.uci_ok("commit", "korvatCloud")
     agent = start_agent(tls_server.url)
     tls_server.wait_for_connection(20)
     tls_server.drop()
