@@ -182,6 +182,44 @@ TEST(FrameSend, FailedWriteClosesAndCallsBackOnce)
     EXPECT_EQ(1, g_closeCalls.load());
 }
 
+namespace {
+/* A peer that takes the frame header and then stops: every later write
+ * fails. */
+struct HeaderOnlyPeer {
+    int writes = 0;
+    std::string written;
+};
+int noRead(void *, void *, unsigned int) { return -1; }
+int headerOnlyWrite(void *context, const void *buf, unsigned int n)
+{
+    HeaderOnlyPeer *peer = static_cast<HeaderOnlyPeer *>(context);
+    if (peer->writes++ > 0)
+        return -1;
+    peer->written.append(static_cast<const char *>(buf), n);
+    return (int)n;
+}
+} // namespace
+
+TEST(FrameSend, FailedPayloadWriteClosesTheConnection)
+{
+    HeaderOnlyPeer peer;
+    WbsConnection *conn = initWebsocketConnection("ws://127.0.0.1:1/", "m", countPing, countClose);
+    ASSERT_NE(nullptr, conn);
+    WbsTransport transport = {noRead, headerOnlyWrite, &peer};
+    wbsAttachTransport(conn, &transport);
+    g_closeCalls = 0;
+    char text[] = "hello";
+    EXPECT_EQ(-1, wbsSendFrame(conn, WBS_OPCODE_TEXT, text, 5));
+    // the header went out, the payload did not: the connection is closed
+    EXPECT_EQ(6u, peer.written.size());
+    EXPECT_EQ(-1, conn->fd);
+    EXPECT_EQ(WBS_STATE_CLOSED, conn->state);
+    EXPECT_EQ(1, g_closeCalls.load());
+    EXPECT_EQ(-1, wbsSendFrame(conn, WBS_OPCODE_TEXT, text, 5));
+    EXPECT_EQ(1, g_closeCalls.load());
+    freeWebsocketConnection(conn);
+}
+
 TEST(FrameSend, FailedPingClosesTheConnection)
 {
     PairConnection pc;
