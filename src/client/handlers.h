@@ -36,5 +36,52 @@ extern std::atomic<cJSON *> g_pendingAckReply;
 int pendingAckReplySent(const cJSON *sent);
 
 void dxGetAboutHandler(const cJSON *request);
+void dxGetNetworkSettingsHandler(const cJSON *request);
+void dxSetNetworkSettingsHandler(const cJSON *request);
+
+/* ---- time settings (time.cpp) ---- */
+
+void dxGetTimeSettingsHandler(const cJSON *request);
+void dxSetTimeSettingsHandler(const cJSON *request);
+
+/* ---- device maintenance (maintenance.cpp) ---- */
+
+void dxResetDeviceHandler(const cJSON *request);
+void dxUpdateFirmwareHandler(const cJSON *request);
+void dxStreamSystemLogsHandler(const cJSON *request);
+void dxSetLoggingModeHandler(const cJSON *request);
+void dxGetStatusUpdateFrequencyHandler(const cJSON *request);
+void dxSetStatusUpdateFrequencyHandler(const cJSON *request);
+void dxSetCloudServerUrlHandler(const cJSON *request);
+
+/* ---- remote web access (remote_access.cpp) ---- */
+
+void dxKorvatUpdateEnableRemoteWebUiAccessHandler(const cJSON *request);
+void dxUpdateDisableRemoteWebUiAccessHandler(const cJSON *request);
+
+/* ---- access point status and configuration queries (ap_status.cpp) ---- */
+
+void vekGetSystemConfigHandler(const cJSON *request);
+void vekSetSystemConfigHandler(const cJSON *request);
+void vekGetStatusHandler(const cJSON *request);
+void vekGetLanStatusHandler(const cJSON *request);
+void vekGetRadioStatusHandler(const cJSON *request);
+void vekGetGuestNetworkStatusHandler(const cJSON *request);
+void vekGetNetworkStatusHandler(const cJSON *request);
+void vekGetClientStatusHandler(const cJSON *request);
+void vekGetRadioConfigHandler(const cJSON *request);
+void vekGetNetworkConfigHandler(const cJSON *request);
+
+/* ---- wireless networks (wireless.cpp) ---- */
+
+void vekSetNetworkConfigHandler(const cJSON *request);
+void vekAddNetworkHandler(const cJSON *request);
+void vekDeleteNetworkHandler(const cJSON *request);
+
+/* ---- guest network and clients (guest.cpp) ---- */
+
+void vekGetClientListHandler(const cJSON *request);
+void vekGetGuestNetworkConfigHandler(const cJSON *request);
+void vekSetGuestNetworkConfigHandler(const cJSON *request);
 
 #endif

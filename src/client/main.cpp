@@ -20,6 +20,7 @@
 #include "sdk/nimb_sdk.h"
 #include "util/debug.h"
 #include "util/kapri_util.h"
+#include "util/radios.h"
 
 static void printWithTime(const char *what)
 {
@@ -75,6 +76,7 @@ int main(int argc, char **argv)
     startSigtermHandling(currentThreadId());
     system("echo 0 > /tmp/cloud_conn_state");
     load_settings_to_globals();
+    detect_support_radio();
 
     setReplySentHook(pendingAckReplySent);
     initConnection(url, g_deviceMac, NULL, NULL, onPingHook, onCloseHook,

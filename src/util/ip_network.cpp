@@ -1,0 +1,62 @@
+/* Same-network and mask checks. */
+#define KC_MODULE "kapri_util.cpp"
+#include "util/ip_network.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "util/debug.h"
+#include "util/kapri_util.h"
+
+/* Output of "getNetwordId" for one address and mask. */
+static char *networkId(const char *address, const char *mask)
+{
+    char *a = shell_quote(address != NULL ? address : "");
+    char *m = shell_quote(mask != NULL ? mask : "");
+    std::string cmd = std::string(KAPRI_UTIL_SCRIPT) + " getNetwordId " + a + " " + m;
+    free(a);
+    free(m);
+    return run_shell_command(cmd.c_str(), 16384);
+}
+
+int bothIpInSameNetwork(const char *a, const char *b, const char *mask)
+{
+    char *first = networkId(a, mask);
+    char *second = networkId(b, mask);
+    KC_DEBUG("p_str = %s, p_str2 = %s\n", first, second);
+    int same = strcmp(first, second) == 0;
+    free_shell_output(first);
+    free_shell_output(second);
+    return same;
+}
+
+int checkSubnetValidation(const char *mask)
+{
+    int part[4] = {0, 0, 0, 0};
+    if (mask != NULL)
+        sscanf(mask, "%d.%d.%d.%d", &part[0], &part[1], &part[2], &part[3]);
+    uint32_t value = ((uint32_t)(part[0] & 0xff) << 24) | ((uint32_t)(part[1] & 0xff) << 16) |
+                     ((uint32_t)(part[2] & 0xff) << 8) | (uint32_t)(part[3] & 0xff);
+    int ones = 0;
+    int valid = 1;
+    int seenZero = 0;
+    for (int bit = 31; bit >= 0; bit--) {
+        if (value & (1u << bit)) {
+            if (seenZero) {
+                KC_DEBUG("\nNot a valid subnet!!\n");
+                valid = 0;
+                break;
+            }
+            ones++;
+        } else {
+            seenZero = 1;
+        }
+    }
+    if (ones < 5 || ones == 32)
+        valid = 0;
+    KC_DEBUG("oneCount=%d, validSubnet=%d\n", ones, valid);
+    return valid;
+}
