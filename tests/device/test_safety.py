@@ -58,8 +58,11 @@ def test_agent_stand_in_killall_inside_not_host(device, tmp_path):
         device.wait_journal(lambda x: True, timeout=0.3)
         r = device.exec(["/bin/sh", "-c", "echo 7 > /proc/sys/kernel/printk;"
                          " killall -9 korvat-cloud"])
-        assert r.returncode == 0
+        # the device ends with its main process, and with it everything
+        # entered into it: the shell may be killed before it exits itself
+        assert r.returncode in (0, -9), r
         assert p.wait(10) == 137
+        assert device.read_file("/proc/sys/kernel/printk") == "7\n"
         assert guard.problems() == []
 
 

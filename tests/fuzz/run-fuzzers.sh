@@ -8,6 +8,7 @@
 #   run-fuzzers.sh            the short run of the default test run
 #                             (scripts/test.sh): KC_FUZZ_SECONDS per target,
 #                             on a throw-away copy of the seed corpus
+#   run-fuzzers.sh --build-only   builds the targets and stops
 #   run-fuzzers.sh --long     the long run, by hand (not part of the test
 #                             run): each target until KC_FUZZ_RUNS executions
 #                             or KC_FUZZ_LONG_SECONDS seconds, whichever comes
@@ -33,12 +34,13 @@ mode=short
 case "${1:-}" in
     "") ;;
     --long) mode=long ;;
+    --build-only) mode=build ;;
     -h | --help)
         sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'
         exit 0
         ;;
     *)
-        echo "usage: $0 [--long]" >&2
+        echo "usage: $0 [--long | --build-only]" >&2
         exit 2
         ;;
 esac
@@ -54,6 +56,7 @@ cmake -S "$top" -B "$build" -G Ninja -DKC_FUZZ=ON -DKC_TESTS=OFF \
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 # shellcheck disable=SC2086
 cmake --build "$build" --target $targets
+[ "$mode" = build ] && exit 0
 
 work=$(mktemp -d /tmp/kc-fuzz-XXXXXX)
 trap 'rm -rf "$work"' EXIT INT TERM
