@@ -402,16 +402,20 @@ class Device:
                     continue
                 threads = []
                 for t in os.listdir("/proc/%s/task" % d):
-                    threads.append((self._nspid("/proc/%s/task/%s" % (d, t)),
-                                    int(t)))
+                    try:
+                        threads.append((self._nspid("/proc/%s/task/%s" % (d, t)),
+                                        int(t)))
+                    except OSError:
+                        pass  # a thread that ended meanwhile
                 with open("/proc/%s/cmdline" % d, "rb") as f:
                     cmdline = [x.decode(errors="replace")
                                for x in f.read().split(b"\0") if x]
                 with open("/proc/%s/comm" % d) as f:
                     comm = f.read().strip()
+                pid = self._nspid("/proc/" + d)
             except OSError:
-                continue
-            out.append({"pid": self._nspid("/proc/" + d), "host_pid": int(d),
+                continue  # gone meanwhile (the agent runs short commands)
+            out.append({"pid": pid, "host_pid": int(d),
                         "comm": comm, "cmdline": cmdline,
                         "threads": sorted(threads)})
         return sorted(out, key=lambda p: p["pid"])

@@ -16,11 +16,11 @@
 
 #include "client/handlers.h"
 #include "client/sigterm.h"
+#include "client/timer.h"
 #include "linux/thread.h"
 #include "sdk/nimb_sdk.h"
 #include "util/debug.h"
 #include "util/kapri_util.h"
-#include "util/radios.h"
 
 static void printWithTime(const char *what)
 {
@@ -76,9 +76,9 @@ int main(int argc, char **argv)
     startSigtermHandling(currentThreadId());
     system("echo 0 > /tmp/cloud_conn_state");
     load_settings_to_globals();
-    detect_support_radio();
 
     setReplySentHook(pendingAckReplySent);
+    setMaintenanceTimer(timerHandler);
     initConnection(url, g_deviceMac, NULL, NULL, onPingHook, onCloseHook,
                    onReconnectionHook);
 

@@ -17,7 +17,9 @@
 #include "json/json_parser.h"
 #include "linux/mutex.h"
 #include "linux/thread.h"
+#include "sdk/queue_backup.h"
 #include "sdk/sdk_private.h"
+#include "sdk/status_updates.h"
 #include "util/debug.h"
 #include "util/kapri_util.h"
 
@@ -36,6 +38,7 @@ static ConnectionLock s_connectionLock;
 static pthread_mutex_t s_activityLock;
 static time_t s_lastActivity;
 static int s_retryInterval = 10;
+static void *(*s_maintenanceTimer)(void *) = NULL;
 static int s_queuesReady = 0;
 
 WbsConnection *g_wbsConnection = NULL;
@@ -58,12 +61,21 @@ void refuseWithTooManyItems(cJSON *refused)
     jsonDelete(refused);
 }
 
+void setMaintenanceTimer(void *(*body)(void *))
+{
+    s_maintenanceTimer = body;
+}
+
 void initNimbQueues(void)
 {
+    /* Only the receiving thread and the restore at start-up produce
+     * without blocking; what they cannot place is answered with 10002. */
     initQueue(&g_recvQueue, QUEUE_CAPACITY);
     setQueueRefusal(&g_recvQueue, refuseWithTooManyItems);
-    for (int i = 0; i < SEND_QUEUE_COUNT; i++)
+    for (int i = 0; i < SEND_QUEUE_COUNT; i++) {
         initQueue(&g_sendQueues[i], QUEUE_CAPACITY);
+        setQueueRefusal(&g_sendQueues[i], refuseWithTooManyItems);
+    }
     s_queuesReady = 1;
 }
 
@@ -173,5 +185,14 @@ void initConnection(const char *url, const char *mac, void *ignored1,
 
     initNimbQueues();
 
+    pthread_t thread;
+    if (s_maintenanceTimer != NULL) {
+        ret = createThread(&thread, s_maintenanceTimer, NULL, 1);
+        KC_ASSERT_AT(355, 0 == ret, "0==ret");
+    }
     initNimbThreads();
+    restore_all_queues();
+    setStatusDeviceId(mac);
+    ret = createThread(&thread, dsLogStatusUpdatesHandler, NULL, 1);
+    KC_ASSERT_AT(362, 0 == ret, "0==ret");
 }

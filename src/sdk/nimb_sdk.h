@@ -39,6 +39,10 @@ void initNimbQueues(void);
 typedef int (*ReplySentHook)(const cJSON *sent);
 void setReplySentHook(ReplySentHook hook);
 
+/* The maintenance timer's thread body, started by initConnection right
+ * after the queues (set before initConnection). */
+void setMaintenanceTimer(void *(*body)(void *));
+
 void initConnection(const char *url, const char *mac, void *ignored1,
                     void *ignored2, ConnectionHook onPing,
                     ConnectionHook onClose, ConnectionHook onReconnection);

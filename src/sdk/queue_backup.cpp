@@ -1,4 +1,6 @@
 /*
+ * The queues across a stop or a reboot.
+ *
  * Snapshot of the queues into text files ("/etc/cloud_*.backup"): a count
  * line, then one unformatted tree a line, oldest first.  The snapshot is
  * deliberately simple: the count is producer index minus consumer index, so
@@ -9,10 +11,13 @@
 #include "sdk/queue_backup.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
 
 #include "json/json_parser.h"
 #include "sdk/nimb_sdk.h"
 #include "util/debug.h"
+#include "util/kapri_util.h"
 
 namespace {
 struct BackupFile {
@@ -63,4 +68,88 @@ void backup_all_queues(void)
     backup_queue(&g_sendQueues[SEND_QUEUE_REPLY], "/etc/cloud_sent_cmd.backup");
     backup_queue(&g_sendQueues[SEND_QUEUE_STATUS], "/etc/cloud_sent_status_cmd.backup");
     backup_queue(&g_sendQueues[SEND_QUEUE_EVENT], "/etc/cloud_sent_event_cmd.backup");
+}
+
+/* ---- restore ---- */
+
+void restore_queue(const char *file, JsonQueue *queue)
+{
+    if (file == NULL || queue == NULL) {
+        printf("Func %s: Queue or backup filename is NULL!\n", "restore_queue");
+        return;
+    }
+    FILE *in = fopen(file, "r");
+    if (in == NULL) {
+        printf("Func %s: File %s doesn't exist.\n", file, "restore_queue");
+        return;
+    }
+    char first[10];
+    int count = fgets(first, sizeof first, in) != NULL ? atoi(first) : 0;
+    KC_DEBUG_AT(1694, "obj_num = %d\n", count);
+    /* Whole lines: a queued reply can be far longer than a request (and
+     * cut in two it would not parse, stopping every later start too). */
+    char *line = NULL;
+    size_t size = 0;
+    int restored = 0;
+    while (!feof(in)) {
+        ssize_t got = getline(&line, &size, in);
+        if (got < 0)
+            continue; /* end of file (or an error: the loop ends on feof) */
+        cJSON *root = jsonParse(line);
+        KC_ASSERT_AT(1702, NULL != root, "((void *)0) != root");
+        KC_DEBUG_AT(1705, "produce the JSON command, line = %s\n", line);
+        KC_DEBUG_AT(1706, "produceObject: start\n");
+        produceObject(queue, root, PRODUCE_NONBLOCKING);
+        KC_DEBUG_AT(1708, "produceObject: end\n");
+        if (++restored == count)
+            break;
+    }
+    free(line);
+    fclose(in);
+    char cmd[512];
+    snprintf(cmd, sizeof cmd, "rm -f %s", file);
+    run_system_command(cmd);
+}
+
+static const struct {
+    const char *etc;
+    const char *flash;
+} kBackupFiles[] = {
+    {"/etc/cloud_recv_cmd.backup", "/mnt/_sys1/cloud_recv_cmd.backup"},
+    {"/etc/cloud_sent_cmd.backup", "/mnt/_sys1/cloud_sent_cmd.backup"},
+    {"/etc/cloud_sent_status_cmd.backup", "/mnt/_sys1/cloud_sent_status_cmd.backup"},
+    {"/etc/cloud_sent_event_cmd.backup", "/mnt/_sys1/cloud_sent_event_cmd.backup"},
+};
+
+void restore_all_queues(void)
+{
+    printf("Read backup file to queue...\n");
+    run_system_command("mkdir -p /mnt/_sys1");
+    run_system_command("mount -t jffs2 /dev/mtdblock2 /mnt/_sys1");
+    for (const auto &files : kBackupFiles) {
+        if (access(files.flash, F_OK) != 0)
+            continue;
+        char cmd[512];
+        snprintf(cmd, sizeof cmd, "cp %s %s; rm %s", files.flash, files.etc, files.flash);
+        run_system_command(cmd);
+    }
+    run_system_command("umount /mnt/_sys1");
+    run_system_command("rm -r /mnt/_sys1");
+    JsonQueue *queues[] = {&g_recvQueue, &g_sendQueues[SEND_QUEUE_REPLY],
+                           &g_sendQueues[SEND_QUEUE_STATUS], &g_sendQueues[SEND_QUEUE_EVENT]};
+    for (size_t i = 0; i < sizeof queues / sizeof queues[0]; i++)
+        restore_queue(kBackupFiles[i].etc, queues[i]);
+}
+
+/* ---- reboot ---- */
+
+void reboot_with_backup(void)
+{
+    backup_all_queues();
+    char cmd[256];
+    snprintf(cmd, sizeof cmd, "%s add_a_notification %d INFO Reboot", KAPRI_UTIL_SCRIPT, 2);
+    run_system_command(cmd);
+    run_system_command("sleep 2; reboot");
+    snprintf(cmd, sizeof cmd, "%s backup_cloud_files", KAPRI_UTIL_SCRIPT);
+    run_system_command(cmd);
 }

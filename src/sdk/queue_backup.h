@@ -14,4 +14,17 @@ void backup_queue(JsonQueue *queue, const char *file);
 /* The four queues, in the order receive, reply, status, event. */
 void backup_all_queues(void);
 
+/* Reads file back into queue (non-blocking produce: a full queue answers
+ * 10002) and removes the file.  The first line is the item count; a count
+ * of 0 or below reads the file to its end.  A line that is not JSON stops
+ * the process (assertion). */
+void restore_queue(const char *file, JsonQueue *queue);
+/* Moves the flash copies ("/mnt/_sys1", the jffs2 partition) to /etc, then
+ * restores the four files into their queues, in the order of the backup. */
+void restore_all_queues(void);
+
+/* Saves the queues, leaves an event for the server, reboots the device and
+ * copies the backup files to flash while the reboot proceeds. */
+void reboot_with_backup(void);
+
 #endif

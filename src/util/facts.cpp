@@ -2,14 +2,16 @@
 #define KC_MODULE "kapri_util.cpp"
 #include "util/kapri_util.h"
 
+#include <pthread.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "util/debug.h"
 
-int g_betaMode = 0;
-int g_cpuUsage = 0;
+std::atomic<int> g_betaMode{0};
+std::atomic<int> g_cpuUsage{0};
 
 static char *dup_text(const char *text)
 {
@@ -49,7 +51,7 @@ char *get_model_name(void)
         "'s/\".*$//g' | tr -d '\\n'",
         20);
     char model[64];
-    snprintf(model, sizeof model, "%s%s", out, g_betaMode ? "-BETA" : "");
+    snprintf(model, sizeof model, "%s%s", out, g_betaMode.load() ? "-BETA" : "");
     free_shell_output(out);
     return str_to_upper(model);
 }
@@ -146,15 +148,61 @@ int cpu_figure_to_percent(const char *text)
 
 int get_cpu_usage(void)
 {
-    if (g_cpuUsage >= 0 && g_cpuUsage <= 100)
-        return g_cpuUsage;
+    int usage = g_cpuUsage;
+    if (usage >= 0 && usage <= 100)
+        return usage;
     char *out = run_shell_command(
         "top -bn1 | grep CPU | head -n 1 | awk '{print $2 + $4 + $6 + $10 + "
         "$12 + $14}'",
         50);
-    int usage = cpu_figure_to_percent(out);
+    usage = cpu_figure_to_percent(out);
     free_shell_output(out);
     return usage;
+}
+
+/* Samples of the aggregate idle and total CPU times.  A status thread
+ * starts once a period; two may overlap when one is slow, so the samples
+ * are taken under their own lock. */
+static unsigned long s_idle1 = 0, s_idle2 = 0, s_total1 = 0, s_total2 = 0;
+static pthread_mutex_t s_sampleLock = PTHREAD_MUTEX_INITIALIZER;
+
+int cpu_usage_between(unsigned long idle1, unsigned long total1,
+                      unsigned long idle2, unsigned long total2)
+{
+    /* unsigned, as the counters themselves */
+    unsigned long total = total2 - total1;
+    if (total == 0)
+        return 0; /* no time between the samples */
+    return (int)(100 - (idle2 - idle1) * 100 / total);
+}
+
+void calculateCPUUsage(void)
+{
+    char *idleText = run_shell_command(
+        "grep 'cpu ' /proc/stat | awk '{idle=($5)} END {print idle}'", 128);
+    char *totalText = run_shell_command(
+        "grep 'cpu ' /proc/stat | awk '{ttl=($2+$3+$4+$5+$6+$7+$8+$9+$10)} END {print ttl}'",
+        128);
+    if (idleText[0] != '\0' && totalText[0] != '\0' && idleText != SHELL_ERROR_TEXT &&
+        totalText != SHELL_ERROR_TEXT) {
+        unsigned long idle = 0, total = 0;
+        sscanf(idleText, "%lu", &idle);
+        sscanf(totalText, "%lu", &total);
+        pthread_mutex_lock(&s_sampleLock);
+        s_idle1 = s_idle2;
+        s_total1 = s_total2;
+        s_idle2 = idle;
+        s_total2 = total;
+        int usage = cpu_usage_between(s_idle1, s_total1, s_idle2, s_total2);
+        g_cpuUsage = usage;
+        KC_DEBUG_AT(2481,
+                    "usageIdle2 = %lu, usageIdle1 = %lu, usageTtl2 = %lu, usageTtl1 = %lu, "
+                    "cpuUsage = %d\n",
+                    s_idle2, s_idle1, s_total2, s_total1, usage);
+        pthread_mutex_unlock(&s_sampleLock);
+    }
+    free_shell_output(idleText);
+    free_shell_output(totalText);
 }
 
 /* Kilobytes are kept as a 32-bit byte count, as on the device. */

@@ -54,9 +54,17 @@ int uci_commit(const char *package);
 
 /* ---- facts ---- */
 
-extern int g_betaMode;
+extern std::atomic<int> g_betaMode;
 /* CPU usage in percent kept by the status sampler; 0 at start. */
-extern int g_cpuUsage;
+extern std::atomic<int> g_cpuUsage;
+
+/* Takes one sample of the aggregate CPU times from /proc/stat and sets
+ * g_cpuUsage to the busy share since the previous sample (0 when no time
+ * passed).  Nothing changes when a sample cannot be read. */
+void calculateCPUUsage(void);
+/* The arithmetic of one step: usage from the two samples. */
+int cpu_usage_between(unsigned long idle1, unsigned long total1,
+                      unsigned long idle2, unsigned long total2);
 
 char *get_firmware_version(int parts);
 char *get_model_name(void);
@@ -95,7 +103,7 @@ extern std::atomic<int> g_luciReloadPause;
 
 extern int g_timeSyncBase;
 extern int g_timeSyncPeriod;
-extern int g_remoteAccessTimeout;
+extern std::atomic<int> g_remoteAccessTimeout;
 
 void load_settings_to_globals(void);
 

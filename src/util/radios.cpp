@@ -11,8 +11,8 @@
 #include "util/debug.h"
 #include "util/kapri_util.h"
 
-int g_support2G = 0;
-int g_support5G = 0;
+std::atomic<int> g_support2G{0};
+std::atomic<int> g_support5G{0};
 
 void set_support_radio_from(const char *answer)
 {

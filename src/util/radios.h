@@ -8,8 +8,10 @@
 #ifndef KC_UTIL_RADIOS_H
 #define KC_UTIL_RADIOS_H
 
-extern int g_support2G;
-extern int g_support5G;
+#include <atomic>
+
+extern std::atomic<int> g_support2G;
+extern std::atomic<int> g_support5G;
 
 /* Runs "get_support_radio" and sets the flags from its answer ("2.4G"
  * sets support2G, "5G" support5G; other values change nothing). */

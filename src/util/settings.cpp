@@ -10,7 +10,7 @@
 std::atomic<int> g_luciReloadPause{0};
 int g_timeSyncBase = 0;
 int g_timeSyncPeriod = -1;
-int g_remoteAccessTimeout = 600;
+std::atomic<int> g_remoteAccessTimeout{600};
 
 int frequency_name_to_seconds(const char *name)
 {

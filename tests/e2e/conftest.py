@@ -125,6 +125,18 @@ class Agent(object):
                 return tids
             time.sleep(0.05)
 
+    def timer_tid(self, timeout=15.0):
+        """In-device id of the maintenance timer thread, once it has written
+        it into /tmp/cloud_timer_pid (a test that writes that file must
+        wait for the timer's own write first)."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            text = (self.device.read_file("/tmp/cloud_timer_pid") or "").strip()
+            if text.isdigit():
+                return int(text)
+            time.sleep(0.05)
+        raise AssertionError("the timer thread never wrote /tmp/cloud_timer_pid")
+
     def state(self):
         text = self.device.read_file("/tmp/cloud_conn_state")
         return None if text is None else text.strip()

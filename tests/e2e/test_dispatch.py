@@ -106,12 +106,8 @@ def test_frame_dumps_colour_the_method(connected):
     reply = server.request("dxGetAbout", {"deviceId": MAC}, id="9")
     # the wire carries the unformatted print of the tree the dump shows
     j = agent.out.wait_for("Sending text frame:")
-    block = []
-    for line in agent.out.lines[j + 1:]:
-        if line == "-" * 77:
-            break
-        block.append(line)
-    dumped = json.loads("\n".join(block))
+    end = agent.out.wait_for("-" * 77, start=j + 1)
+    dumped = json.loads("\n".join(agent.out.lines[j + 1:end]))
     assert reply.raw == json.dumps(dumped, separators=(",", ":"))
     i = agent.out.wait_for(re.compile(r"^Recieved text frame: \d+$"))
     dash = "-" * 77
@@ -127,12 +123,8 @@ def test_reply_without_method_is_dumped_uncoloured(connected):
     agent, server = connected
     server.request("dxGetAbout", {"deviceId": MAC}, id="10")
     i = agent.out.wait_for("Sending text frame:")
-    block = []
-    for line in agent.out.lines[i + 1:]:
-        if line == "-" * 77:
-            break
-        block.append(line)
-    text = "\n".join(block)
+    end = agent.out.wait_for("-" * 77, start=i + 1)
+    text = "\n".join(agent.out.lines[i + 1:end])
     assert json.loads(text)["id"] == "10"
     assert "\x1b[" not in text
 

@@ -21,6 +21,7 @@ def test_agent_run_leaves_the_host_alone(device, server, start_agent):
         server.close()
         server.wait_for_connection(15)
         tid = agent.main_tid()
+        agent.timer_tid()
         device.write_file("/tmp/cloud_timer_pid", "%d\n" % tid)
         # to that thread itself: kill() on the process may pick any thread
         device.signal_thread(tid, signal.SIGTERM)

@@ -117,11 +117,11 @@ def test_sigterm_to_main_thread_closes_and_reconnects_promptly(server, start_age
     first = server.wait_for_connection(15)
     reply = server.request("dxGetAbout", {"deviceId": MAC})
     assert "result" in reply.data
+    timer = agent.timer_tid()
     started = time.monotonic()
     # to the main thread itself: kill() on the process may pick any thread
     agent.device.signal_thread(agent.main_tid(), signal.SIGTERM)
     first.wait_closed(10)
-    agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
     second = server.wait_for_connection(15)
     # the receiving thread is woken, not left in its 40-second wait
     assert time.monotonic() - started < 10
@@ -131,6 +131,22 @@ def test_sigterm_to_main_thread_closes_and_reconnects_promptly(server, start_age
     closes = [f for f in server.frames if f.conn_index == first.index
               and f.direction == "recv" and f.opcode == 8]
     assert closes
+    assert agent.alive()
+    # the timer file names the timer, not the main thread: nothing else
+    assert timer != agent.main_tid()
+    assert "killall -9 korvat-cloud" not in agent.device.journal()
+    assert agent.out.count("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.") == 0
+
+
+def test_sigterm_without_the_timer_file_reports_it(device, server, start_agent):
+    agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    agent.timer_tid()
+    device.remove_file("/tmp/cloud_timer_pid")
+    device.signal_thread(agent.main_tid(), signal.SIGTERM)
+    agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
+    assert first.wait_closed(10)
+    server.wait_for_connection(15)
     assert agent.alive()
 
 
@@ -170,9 +186,9 @@ def test_process_directed_sigterm_reaches_the_main_thread(device, server, start_
     agent = start_agent(server.url)
     first = server.wait_for_connection(15)
     agent.out.wait_for(re.compile(r"\]\[FUNC nimb_sdk.cpp::readJsonCommand\]"))
+    agent.timer_tid()
     device.signal(agent.main_tid(), signal.SIGTERM)
     assert first.wait_closed(10)
-    agent.out.wait_for("Func /tmp/cloud_timer_pid: File kapri_sig_term doesn't exist.")
     server.wait_for_connection(15)
     assert agent.alive()
     assert "killall -9 korvat-cloud" not in device.journal()
@@ -184,6 +200,7 @@ def test_sigterm_to_the_recorded_thread_saves_queues_and_kills(device, server, s
     # the queues exist once the main thread waits for requests
     agent.out.wait_for(re.compile(r"\]\[FUNC nimb_sdk.cpp::readJsonCommand\]"))
     tid = agent.main_tid()
+    agent.timer_tid()
     device.write_file("/tmp/cloud_timer_pid", "99999\n%d\n" % tid)
     device.signal_thread(tid, signal.SIGTERM)
     agent.out.wait_for("Backup queue commands to file...")
@@ -212,6 +229,7 @@ def test_sigterm_to_a_thread_not_named_in_the_timer_file_does_not_kill(device, s
     agent.out.wait_for(re.compile(r"\]\[FUNC nimb_sdk.cpp::readJsonCommand\]"))
     tid = agent.main_tid()
     # the file names other threads only
+    agent.timer_tid()
     device.write_file("/tmp/cloud_timer_pid", "99999\n%d\n" % (tid + 100000))
     device.signal_thread(tid, signal.SIGTERM)
     first.wait_closed(10)
@@ -257,6 +275,7 @@ def test_sigterm_to_the_recorded_thread_kills_even_while_it_is_busy(device, serv
     server.wait_for_connection(15)
     device.set_script("sntool", SLOW_SNTOOL)
     tid = agent.main_tid()
+    agent.timer_tid()
     device.write_file("/tmp/cloud_timer_pid", "%d\n" % tid)
     server.send_text(json.dumps({"jsonrpc": "2.0", "id": "busy", "method": "dxGetAbout",
                                  "params": {"deviceId": MAC}}))

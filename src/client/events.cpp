@@ -1,0 +1,267 @@
+/*
+ * Event notifications and system-log streaming.
+ *
+ * "/tmp/cEvtLog" gets one line a device event from other programs
+ * ("number:7 dateTime:2026-11-15T10:00:00+0100 type:INFO event:Reboot");
+ * each batch of lines goes to the server as one "dsEventNotifications"
+ * and the file is emptied.  While streaming is on, a background
+ * "logread -f" fills "/tmp/cloud_log_file"; every five ticks its lines go
+ * to the server as one streamed result of the "dxStreamSystemLogs" request
+ * and the capture starts afresh.  When the queue a sender would use is
+ * nearly full, the device-side data is discarded instead, so the timer
+ * never blocks on a queue.
+ */
+#define KC_MODULE "nimb_client.cpp"
+#include "client/events.h"
+
+#include <cjson/cJSON.h>
+#include <pthread.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+#include <vector>
+
+#include <atomic>
+
+#include "client/handlers.h"
+#include "client/timer.h"
+#include "json/json_parser.h"
+#include "sdk/nimb_sdk.h"
+#include "util/apply.h"
+#include "util/debug.h"
+#include "util/kapri_util.h"
+
+static const char kEventFile[] = "/tmp/cEvtLog";
+static const char kCaptureFile[] = "/tmp/cloud_log_file";
+
+/* ---- helpers ---- */
+
+static std::atomic<int> s_streaming{0};
+static std::string s_streamId;
+static pthread_mutex_t s_streamIdLock = PTHREAD_MUTEX_INITIALIZER;
+
+void setLogStreaming(int on)
+{
+    s_streaming = on != 0;
+}
+
+int logStreaming(void)
+{
+    return s_streaming;
+}
+
+void setLogStreamId(const char *id)
+{
+    pthread_mutex_lock(&s_streamIdLock);
+    s_streamId = id != NULL ? id : "";
+    pthread_mutex_unlock(&s_streamIdLock);
+}
+
+std::string logStreamId(void)
+{
+    pthread_mutex_lock(&s_streamIdLock);
+    std::string id = s_streamId;
+    pthread_mutex_unlock(&s_streamIdLock);
+    return id;
+}
+
+std::string with_zone_colon(const std::string &text)
+{
+    size_t at = text.size() >= 2 ? text.size() - 2 : 0;
+    return text.substr(0, at) + ":" + text.substr(at);
+}
+
+int parse_event_line(const char *line, EventRecord *rec)
+{
+    const char *number = strstr(line, "number:");
+    const char *dateTime = strstr(line, " dateTime:");
+    const char *type = strstr(line, " type:");
+    const char *event = strstr(line, " event:");
+    if (number == NULL || dateTime == NULL || type == NULL || event == NULL)
+        return 0;
+    /* the fields lie between the labels, in this order */
+    number += strlen("number:");
+    if (!(number <= dateTime && dateTime < type && type < event))
+        return 0;
+    const char *dateStart = dateTime + strlen(" dateTime:");
+    const char *typeStart = type + strlen(" type:");
+    const char *eventStart = event + strlen(" event:");
+    if (dateStart > type || typeStart > event)
+        return 0;
+    rec->number = atoi(std::string(number, dateTime).c_str());
+    rec->dateTime = with_zone_colon(std::string(dateStart, type));
+    rec->type = std::string(typeStart, event);
+    std::string text = eventStart;
+    /* the last character goes: the newline of a complete line */
+    if (!text.empty())
+        text.pop_back();
+    rec->event = text;
+    return 1;
+}
+
+static const char *const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
+int parse_log_line(const char *line, LogLine *out)
+{
+    int month = 0;
+    for (int i = 0; i < 12; i++) {
+        if (strncmp(line, kMonths[i], 3) == 0) {
+            month = i + 1;
+            break;
+        }
+    }
+    if (month == 0) {
+        KC_DEBUG_AT(4425, "No matched month!!\n");
+        return 0;
+    }
+    size_t length = strlen(line);
+    if (length < 15)
+        return 0;
+    /* the message starts two characters after the first ": " from
+     * position 14; a line without one has no message */
+    const char *colon = strstr(line + 14, ": ");
+    if (colon == NULL)
+        return 0;
+    std::string message = colon + 2;
+    for (char &c : message) {
+        if (c == '\n')
+            c = ' ';
+        else if (c == '"')
+            c = '\'';
+    }
+    out->month = month;
+    out->day = std::string(line + 4, 2);
+    out->time = std::string(line + 7, 8);
+    out->message = message;
+    return 1;
+}
+
+/* The ISO date and time (zone "+HH:MM") of a capture line, from date. */
+static std::string isoTimeOf(const LogLine &line)
+{
+    char when[64];
+    snprintf(when, sizeof when, "%02d.%s-%s", line.month, line.day.c_str(), line.time.c_str());
+    char *word = shell_quote(when);
+    std::string cmd = std::string("date -d ") + word +
+                      " +'%Y-%m-%dT%H:%M:%S%z' | tr -d '\\n'";
+    free(word);
+    char *out = run_shell_command(cmd.c_str(), 64);
+    std::string iso = with_zone_colon(out);
+    free_shell_output(out);
+    return iso;
+}
+
+static void restartCapture(void)
+{
+    run_system_command("killall logread");
+    run_system_command("rm /tmp/cloud_log_file");
+    run_system_command("logread -f > /tmp/cloud_log_file&");
+}
+
+/* ---- senders ---- */
+
+void sendEventLog(void)
+{
+    if (access(kEventFile, F_OK) != 0)
+        return;
+    FILE *in = fopen(kEventFile, "r");
+    if (in == NULL) {
+        printf("Func %s: File %s doesn't exist.\n", kEventFile, "sendEventLog");
+        return;
+    }
+    std::vector<EventRecord> records;
+    char line[1024];
+    while (fgets(line, sizeof line, in) != NULL) {
+        EventRecord rec;
+        if (parse_event_line(line, &rec))
+            records.push_back(rec);
+    }
+    fclose(in);
+    if (records.empty())
+        return;
+    cJSON *root = initJsonRpcObject();
+    jsonAddString(root, "method", "dsEventNotifications");
+    cJSON *params = jsonCreateObject();
+    jsonAddItem(root, "params", params);
+    jsonAddString(params, "deviceId", g_deviceMac);
+    jsonAddInt(params, "version", 0);
+    cJSON *events = jsonCreateArray();
+    jsonAddItem(params, "events", events);
+    for (const EventRecord &rec : records) {
+        cJSON *event = jsonCreateObject();
+        jsonAddInt(event, "number", rec.number);
+        jsonAddString(event, "dateTime", rec.dateTime.c_str());
+        jsonAddString(event, "type", rec.type.c_str());
+        jsonAddString(event, "event", rec.event.c_str());
+        jsonAddToArray(events, event);
+    }
+    writeJsonEvent(root);
+    run_system_command("echo \"\" > /tmp/cEvtLog");
+}
+
+void sendStreamSysLog(int, int level, int, int)
+{
+    std::string id = logStreamId();
+    if (!s_streaming || id.empty() || access(kCaptureFile, F_OK) != 0)
+        return;
+    FILE *in = fopen(kCaptureFile, "r");
+    if (in == NULL) {
+        printf("Func %s: File %s doesn't exist.\n", kCaptureFile, "sendStreamSysLog");
+        return;
+    }
+    std::vector<std::pair<std::string, std::string>> records; /* time, message */
+    char line[1024];
+    while (fgets(line, sizeof line, in) != NULL) {
+        LogLine parsed;
+        if (parse_log_line(line, &parsed))
+            records.emplace_back(isoTimeOf(parsed), parsed.message);
+    }
+    fclose(in);
+    if (records.empty())
+        return;
+    restartCapture();
+
+    cJSON *root = initJsonRpcObject();
+    jsonAddString(root, "id", id.c_str());
+    cJSON_AddItemToObject(root, "stream", cJSON_CreateTrue());
+    cJSON *result = jsonCreateObject();
+    jsonAddItem(root, "result", result);
+    jsonAddString(result, "deviceId", g_deviceMac);
+    cJSON *logs = jsonCreateArray();
+    jsonAddItem(result, "logs", logs);
+    for (const auto &rec : records) {
+        cJSON *log = jsonCreateObject();
+        jsonAddString(log, "dateTime", rec.first.c_str());
+        jsonAddInt(log, "level", level);
+        jsonAddString(log, "location", " ");
+        jsonAddString(log, "message", rec.second.c_str());
+        jsonAddToArray(logs, log);
+    }
+    writeJsonReply(root);
+}
+
+/* ---- periodic checks ---- */
+
+void logStreamCheck(int tick)
+{
+    if (!s_streaming || tick % 5 != 0)
+        return;
+    if (freeSlotCount(&g_sendQueues[SEND_QUEUE_REPLY]) < 2) {
+        restartCapture(); /* the captured lines are dropped */
+        return;
+    }
+    sendStreamSysLog(0, 20, 0, 0);
+}
+
+void eventCheck(int eventFreeSlots, int paused)
+{
+    if (eventFreeSlots < 2) {
+        run_system_command("echo \"\" > /tmp/cEvtLog");
+        return;
+    }
+    if (g_applyDone == 1 && paused == 0)
+        sendEventLog();
+}

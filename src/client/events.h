@@ -1,0 +1,64 @@
+/*
+ * Messages the agent originates from device-side files: event
+ * notifications from "/tmp/cEvtLog" ("dsEventNotifications", event queue)
+ * and streamed system-log lines from the capture "/tmp/cloud_log_file"
+ * (results of the "dxStreamSystemLogs" request, reply queue).  Both are
+ * sent by the maintenance timer's checks (see timer.h).
+ *
+ * Ownership: the records the parsers fill are plain values of the caller.
+ */
+#ifndef KC_CLIENT_EVENTS_H
+#define KC_CLIENT_EVENTS_H
+
+#include <string>
+
+/* ---- the event file ---- */
+
+struct EventRecord {
+    int number;
+    std::string dateTime; /* the zone written "+08:00" */
+    std::string type;
+    std::string event;    /* the line's text after the label, last character dropped */
+};
+
+/* 1 and rec filled when line holds "number:", " dateTime:", " type:" and
+ * " event:" in this order; 0 (rec untouched) otherwise. */
+int parse_event_line(const char *line, EventRecord *rec);
+
+/* Sends the events of "/tmp/cEvtLog" as one notification (blocking on the
+ * event queue), then empties the file.  Nothing when the file is missing
+ * or holds no event. */
+void sendEventLog(void);
+
+/* ---- the system-log capture ---- */
+
+struct LogLine {
+    int month;              /* 1 to 12 */
+    std::string day;        /* the two characters at positions 4 and 5 */
+    std::string time;       /* the eight characters from position 7 */
+    std::string message;    /* after the first ": " from position 14; every
+                               newline a blank, every double quote a single
+                               quote */
+};
+
+/* 1 and out filled for a capture line with a known month and a message;
+ * 0 otherwise (a line without a month name is reported in debug output). */
+int parse_log_line(const char *line, LogLine *out);
+
+/* "+0100" as "+01:00": ":" before the last two characters. */
+std::string with_zone_colon(const std::string &text);
+
+/* Sends the captured lines as one streamed result of the stored request
+ * (blocking on the reply queue) and restarts the capture.  level is the
+ * "level" of every log object; the other arguments are not used. */
+void sendStreamSysLog(int ignored1, int level, int ignored2, int ignored3);
+
+/* ---- streaming state, set by "dxStreamSystemLogs" ---- */
+
+void setLogStreaming(int on);
+int logStreaming(void);
+/* The "id" text of the request that started streaming ("" for none). */
+void setLogStreamId(const char *id);
+std::string logStreamId(void);
+
+#endif

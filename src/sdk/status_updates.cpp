@@ -1,0 +1,192 @@
+/*
+ * Periodic status updates ("dsLogStatusUpdates"): a long-lived thread wakes
+ * once a status period ("korvatCloud.korvatCloud.auto_update", 60 s by
+ * default, read again at every update) and starts a short-lived thread that
+ * gathers the CPU figure, memory, LAN and radio counters and puts one
+ * notification on the status queue.  While the web configuration reloads,
+ * or while the status queue is full, a period is skipped; updates never
+ * queue up behind each other.
+ */
+#define KC_MODULE "nimb_sdk.cpp"
+#include "sdk/status_updates.h"
+
+#include <cjson/cJSON.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "json/json_parser.h"
+#include "linux/thread.h"
+#include "sdk/nimb_sdk.h"
+#include "util/debug.h"
+#include "util/kapri_util.h"
+
+static std::atomic<int> s_statusPeriod{60};
+static const char *s_deviceMac = "";
+
+/* The period from UCI when it is a positive number; kept otherwise. */
+static void readStatusPeriod(void)
+{
+    char *out = run_shell_command("uci get korvatCloud.korvatCloud.auto_update | tr -d '\\n'", 100);
+    int value = atoi(out);
+    if (value > 0)
+        s_statusPeriod = value;
+    free_shell_output(out);
+}
+
+int statusPeriod(void)
+{
+    return s_statusPeriod;
+}
+
+int memory_alarm_quotient(uint32_t memUsed, uint32_t memFree)
+{
+    int64_t usedK = memUsed / 1024;
+    int64_t freeK = memFree / 1024;
+    if (usedK + freeK == 0)
+        return 0;
+    /* 64-bit: used kilobytes times 10000 overflows 32 bits for ordinary
+     * memory sizes */
+    return (int)(usedK * 10000 / (usedK + freeK));
+}
+
+/* Output of a one-value command, or NULL when it printed nothing. */
+static char *valueOf(const char *cmd, int limit)
+{
+    char *out = run_shell_command(cmd, limit);
+    if (out == SHELL_ERROR_TEXT || out[0] == '\0') {
+        free_shell_output(out);
+        return NULL;
+    }
+    return out;
+}
+
+static void addCounter(cJSON *object, const char *name, const char *cmd)
+{
+    char *out = valueOf(cmd, 20);
+    if (out != NULL)
+        jsonAddNumber(object, name, atof(out));
+    free_shell_output(out);
+}
+
+static const char *stringMember(const cJSON *object, const char *name)
+{
+    const char *text = jsonGetString(object, name);
+    return text != NULL ? text : "";
+}
+
+int add_radio_objects(cJSON *container, const char *wifiInfo)
+{
+    cJSON *info = wifiInfo != NULL ? jsonParse(wifiInfo) : NULL;
+    if (info == NULL)
+        return 0;
+    int radios = jsonGetInt(info, "RadioNum");
+    if (radios >= 3) {
+        jsonDelete(info);
+        return -1;
+    }
+    cJSON *array = jsonCreateArray();
+    for (int i = 0; i < radios; i++) {
+        const cJSON *dev = jsonGetItem(info, i == 0 ? "Dev2G" : "Dev5G");
+        cJSON *radio = jsonCreateObject();
+        jsonAddString(radio, "interface", i == 0 ? "2.4GHz" : "5GHz");
+        jsonAddNumber(radio, "rx", atof(stringMember(dev, "RxByte")));
+        jsonAddNumber(radio, "tx", atof(stringMember(dev, "TxByte")));
+        jsonAddInt(radio, "networks", jsonGetInt(dev, "NetworkNum"));
+        jsonAddInt(radio, "clients", jsonGetInt(dev, "ClientNum"));
+        jsonAddBool(radio, "enabled", strcmp(stringMember(dev, "Status"), "Enabled") == 0);
+        jsonAddToArray(array, radio);
+    }
+    jsonAddItem(container, "radios", array);
+    jsonDelete(info);
+    return 1;
+}
+
+static void *logStatusUpdates(void *)
+{
+    KC_DEBUG_AT(120, "<< pthread create and start >>\n");
+    readStatusPeriod();
+    calculateCPUUsage();
+
+    cJSON *root = initJsonRpcObject();
+    KC_ASSERT_AT(138, NULL != root, "((void *)0) != root");
+    jsonAddString(root, "method", "dsLogStatusUpdates");
+    cJSON *params = jsonCreateObject();
+    jsonAddItem(root, "params", params);
+    jsonAddString(params, "deviceId", s_deviceMac);
+    jsonAddInt(params, "version", 0);
+    cJSON *updates = jsonCreateArray();
+    jsonAddItem(params, "updates", updates);
+
+    cJSON *update = jsonCreateObject();
+    char *now = get_iso_timestamp(1);
+    jsonAddString(update, "dateTime", now);
+    free_shell_output(now);
+
+    cJSON *system = jsonCreateObject();
+    uint32_t memFree = get_free_memory_bytes();
+    uint32_t memUsed = get_used_memory_bytes();
+    jsonAddInt(system, "cpu", get_cpu_usage());
+    jsonAddNumber(system, "memFree", memFree);
+    jsonAddNumber(system, "memUsed", memUsed);
+    jsonAddItem(update, "system", system);
+
+    int quotient = memory_alarm_quotient(memUsed, memFree);
+    KC_DEBUG("memUsedK:(%d), memFreeK:(%d), (%d)\n", (int)(memUsed / 1024),
+             (int)(memFree / 1024), quotient);
+    if (quotient >= 9001)
+        run_system_command("logger \"Memory usage greater then 90%.\"");
+
+    cJSON *lan = jsonCreateObject();
+    addCounter(lan, "rx", KAPRI_UTIL_SCRIPT " GetSysTxRx eth0 0 rx bytes | tr -d '\n'");
+    addCounter(lan, "tx", KAPRI_UTIL_SCRIPT " GetSysTxRx eth0 0 tx bytes | tr -d '\n'");
+    jsonAddItem(update, "lan", lan);
+
+    char *wifiInfo = valueOf(KAPRI_UTIL_SCRIPT " WifiInfo | tr -d '\n'", 16384);
+    int radios = add_radio_objects(update, wifiInfo);
+    free_shell_output(wifiInfo);
+    if (radios < 0) {
+        /* more radios than the device can have: no update this period */
+        jsonDelete(update);
+        jsonDelete(root);
+        return NULL;
+    }
+    jsonAddToArray(updates, update);
+    writeJsonStatus(root);
+    KC_DEBUG_AT(272, "<< pthread exit >>\n");
+    return NULL;
+}
+
+void *dsLogStatusUpdatesHandler(void *)
+{
+    KC_DEBUG_AT(292, "<< pthread create and start >>\n");
+    readStatusPeriod();
+    calculateCPUUsage();
+    for (;;) {
+        /* nanosleep, resumed after a signal: a whole period each time */
+        struct timespec wait = {s_statusPeriod.load(), 0};
+        while (nanosleep(&wait, &wait) == -1 && errno == EINTR)
+            ;
+        if (g_luciReloadPause) {
+            KC_DEBUG_AT(316, "=== luci-reloading......\n");
+            continue;
+        }
+        if (freeSlotCount(&g_sendQueues[SEND_QUEUE_STATUS]) < 1)
+            continue;
+        pthread_t thread;
+        createThread(&thread, logStatusUpdates, NULL, 1);
+    }
+    return NULL;
+}
+
+void setStatusDeviceId(const char *mac)
+{
+    s_deviceMac = mac;
+}
