@@ -40,6 +40,7 @@ class Stream(object):
 
     def __init__(self, pipe):
         self.lines = []
+        self.times = []     # time.monotonic() at which each line was read
         self._cond = threading.Condition()
         self._thread = threading.Thread(target=self._pump, args=(pipe,), daemon=True)
         self._thread.start()
@@ -48,6 +49,7 @@ class Stream(object):
         for raw in iter(pipe.readline, b""):
             with self._cond:
                 self.lines.append(raw.decode("utf-8", "replace").rstrip("\n"))
+                self.times.append(time.monotonic())
                 self._cond.notify_all()
         with self._cond:
             self._cond.notify_all()
@@ -77,6 +79,13 @@ class Stream(object):
         """Wait until the stream is closed and every line is gathered."""
         self._thread.join(timeout)
         assert not self._thread.is_alive(), "stream still open"
+
+    def matching(self, pattern):
+        """(time read, line) of every line matching the regex so far."""
+        regex = re.compile(pattern)
+        with self._cond:
+            return [(t, line) for t, line in zip(self.times, self.lines)
+                    if regex.search(line)]
 
     def count(self, text):
         with self._cond:

@@ -20,6 +20,18 @@ on_usr1() {
 	/etc/init.d/korvatCloud restart > /dev/null 2>&1 &
 }
 
+if [ -e /tmp/fake-agent.timer ]; then
+    agent=$$
+    (
+        trap 'echo "TIMER-TERM $(sh -c "echo \$PPID")" >> "$LOG"; kill -9 "$agent"; exit 0' TERM
+        sh -c 'echo $PPID' > /tmp/cloud_timer_pid
+        while :; do
+            sleep 1 &
+            wait $!
+        done
+    ) &
+fi
+
 trap on_term TERM
 trap on_usr1 USR1
 while :; do

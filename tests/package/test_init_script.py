@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from pkgsupport import wait_for
+from pkgsupport import AGENT_LOG, wait_for
 from simdevice import HostGuard
 
 MAC = "02:4B:56:A1:B2:C3"
@@ -155,6 +155,35 @@ def test_stop_sends_sigterm(ap):
     # stopped for good: no respawn
     time.sleep(6)
     assert len(ap.starts()) == 1 and ap.agents() == []
+
+
+def test_stop_signals_the_maintenance_timer_first(ap):
+    """The agent saves its queues and ends when its timer thread (named in
+    /tmp/cloud_timer_pid) gets SIGTERM; stop signals that one first."""
+    ap.dev.write_file("/tmp/fake-agent.timer", "")
+    assert ap.service("start").returncode == 0
+    pid, _ = started(ap)
+    timer = wait_for(lambda: (ap.dev.read_file("/tmp/cloud_timer_pid") or "").strip())
+    assert timer and int(timer) != pid
+    r = ap.service("stop")
+    assert r.returncode == 0, r.stderr
+    log = ap.dev.read_file(AGENT_LOG)
+    assert "TIMER-TERM %s" % timer in log
+    # the stand-in was ended by its timer (SIGKILL), not by procd's TERM
+    assert ap.signals(pid) == []
+    assert ap.agents() == []
+
+
+def test_stop_leaves_a_stale_timer_id_alone(ap):
+    assert ap.service("start").returncode == 0
+    pid, _ = started(ap)
+    # a number that names no thread of the agent (here: pid 1, the device's
+    # init, which is not the agent)
+    ap.dev.write_file("/tmp/cloud_timer_pid", "1\n")
+    r = ap.service("stop")
+    assert r.returncode == 0, r.stderr
+    assert ap.signals(pid) == ["TERM"]
+    assert ap.agents() == []
 
 
 def test_stop_kills_agent_ignoring_sigterm_after_timeout(ap):

@@ -1,0 +1,385 @@
+"""The agent's life cycle: SIGTERM to the maintenance timer saves the four
+queues and ends the agent; the next start on the same device sends what was
+waiting, in order and exactly once; the init script's stop does the same;
+the luci-reload pause holds requests and status updates; the beta mode
+renames the model."""
+import json
+import os
+import re
+import signal
+import time
+
+import pytest
+
+from conftest import MAC, ROOT
+
+BACKUPS = {
+    "recv": "/etc/cloud_recv_cmd.backup",
+    "reply": "/etc/cloud_sent_cmd.backup",
+    "status": "/etc/cloud_sent_status_cmd.backup",
+    "event": "/etc/cloud_sent_event_cmd.backup",
+}
+
+# sntool stalls while /tmp/slow exists (the main thread stays in that one
+# request), then answers at once
+SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.2; done\necho TAG-1\n'
+SLOW_ONCE = 'if [ -e /tmp/slow ]; then rm -f /tmp/slow; sleep %s; fi\necho TAG-1\n'
+
+
+def about(id_):
+    return json.dumps({"jsonrpc": "2.0", "id": id_, "method": "dxGetAbout",
+                       "params": {"deviceId": MAC}}, separators=(",", ":"))
+
+
+def settings(device, **options):
+    for key, value in options.items():
+        device.uci_ok("set", "korvatCloud.korvatCloud.%s=%s" % (key, value))
+    device.uci_ok("commit", "korvatCloud")
+
+
+def backup_lines(device, name):
+    text = device.read_file(BACKUPS[name])
+    return None if text is None else text.splitlines()
+
+
+def wait_file(device, path, timeout=20):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if device.read_file(path) is not None:
+            return True
+        time.sleep(0.1)
+    return False
+
+
+def wait_emptied(device, path, timeout=10):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if (device.read_file(path) or "").strip() == "":
+            return True
+        time.sleep(0.05)
+    return False
+
+
+def wait_count(device, line, count, timeout=30):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if device.journal().count(line) >= count:
+            return True
+        time.sleep(0.1)
+    return False
+
+
+def event_line(number, text):
+    return "number:%d dateTime:2026-11-15T10:00:0%d+0100 type:INFO event:%s\n" % (
+        number, number, text)
+
+
+def messages_until(server, count, timeout=30):
+    got = []
+    deadline = time.monotonic() + timeout
+    while len(got) < count:
+        got.append(server.next_message(max(0.1, deadline - time.monotonic())))
+    return got
+
+
+def test_sigterm_to_the_timer_saves_every_queue_and_the_next_start_sends_them(
+        device, server, start_agent):
+    settings(device, conn_retry=1, auto_update=2)
+    device.set_script("sntool", SLOW_WHILE)
+    agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    timer = agent.timer_tid()
+    # the main thread stays inside "busy"; r1..r3 wait in the receive queue
+    device.write_file("/tmp/slow", "")
+    server.send_text(about("busy"))
+    assert device.wait_journal("sntool")
+    for name in ("r1", "r2", "r3"):
+        server.send_text(about(name))
+    time.sleep(0.5)
+    # the server goes away: status updates and events pile up
+    server.pause()
+    server.drop(first)
+    agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=10)
+    updates_before = device.journal().count("kapri_util.lua WifiInfo")
+    for number, text in ((1, "first"), (2, "second")):
+        device.write_file("/tmp/cEvtLog", event_line(number, text))
+        # the timer takes the line and empties the file
+        assert wait_emptied(device, "/tmp/cEvtLog")
+    # a few status updates are made meanwhile (one "WifiInfo" call each)
+    assert wait_count(device, "kapri_util.lua WifiInfo", updates_before + 3, timeout=60)
+    time.sleep(1.5)
+
+    device.signal_thread(timer, signal.SIGTERM)
+    assert agent.wait_exit(15) == 128 + signal.SIGKILL
+    assert "killall -9 korvat-cloud" in device.journal()
+    assert agent.out.count("Backup queue commands to file...") == 1
+
+    recv = backup_lines(device, "recv")
+    assert recv[0] == "3"
+    assert [json.loads(line)["id"] for line in recv[1:]] == ["r1", "r2", "r3"]
+    # nothing was waiting in the reply queue: no file
+    assert backup_lines(device, "reply") is None
+    status = backup_lines(device, "status")
+    assert int(status[0]) == len(status) - 1 >= 1
+    saved_status = [json.loads(line) for line in status[1:]]
+    assert all(m["method"] == "dsLogStatusUpdates" for m in saved_status)
+    event = backup_lines(device, "event")
+    # the first notification was with the sending thread when the kill came;
+    # the second waited in the queue
+    assert event[0] == "1"
+    saved_event = json.loads(event[1])
+    assert saved_event["params"]["events"][0]["event"] == "second"
+
+    # the next start on the same device, the server back
+    device.clear_output("sntool")
+    device.remove_file("/tmp/slow")
+    server.resume()
+    device.stop()
+    again = start_agent(server.url)
+    second = server.wait_for_connection(20)
+    again.out.wait_for("Read backup file to queue...")
+    # r1..r3 are executed once each, in order; the saved messages go out once
+    wanted = 3 + len(saved_status) + 1
+    got = messages_until(server, wanted, timeout=40)
+    replies = [m.data["id"] for m in got if m.data.get("id")]
+    assert replies == ["r1", "r2", "r3"]
+    delivered_status = [m.data for m in got if m.data.get("method") == "dsLogStatusUpdates"]
+    assert delivered_status[:len(saved_status)] == saved_status
+    delivered_events = [m.data for m in got if m.data.get("method") == "dsEventNotifications"]
+    assert delivered_events == [saved_event]
+    assert all(m.conn is second for m in got)
+    for path in BACKUPS.values():
+        assert not device.exists(path)
+    time.sleep(1.5)
+    later = [m.data for m in server.messages]
+    assert not any(m.get("id") in ("r1", "r2", "r3", "busy") for m in later)
+    assert not any(m.get("method") == "dsEventNotifications" for m in later)
+
+
+def test_replies_waiting_for_the_server_survive_a_stop(device, server, start_agent):
+    settings(device, conn_retry=1)
+    device.set_script("sntool", SLOW_ONCE % 3)
+    agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    timer = agent.timer_tid()
+    device.write_file("/tmp/slow", "")
+    server.send_text(about("a0"))
+    assert device.wait_journal("sntool")
+    for name in ("a1", "a2", "a3"):
+        server.send_text(about(name))
+    time.sleep(0.3)
+    server.pause()
+    server.drop(first)
+    # a0's reply is with the sending thread; a1..a3's wait in the reply queue
+    deadline = time.monotonic() + 20
+    while device.journal().count("sntool") < 4 and time.monotonic() < deadline:
+        time.sleep(0.1)
+    time.sleep(1)
+    device.signal_thread(timer, signal.SIGTERM)
+    assert agent.wait_exit(15) == 128 + signal.SIGKILL
+    reply = backup_lines(device, "reply")
+    assert reply[0] == "3"
+    saved = [json.loads(line) for line in reply[1:]]
+    assert [m["id"] for m in saved] == ["a1", "a2", "a3"]
+    assert backup_lines(device, "recv") is None
+
+    device.stop()
+    server.resume()
+    start_agent(server.url)
+    server.wait_for_connection(20)
+    got = messages_until(server, 3)
+    assert [m.data for m in got] == saved
+    time.sleep(1)
+    assert not any(m.data.get("id", "").startswith("a") for m in server.messages)
+    # dxGetAbout ran four times in all: nothing ran again
+    assert device.journal().count("sntool") == 4
+
+
+def test_a_backup_file_whose_count_is_zero_is_read_to_its_end(device, server, start_agent):
+    device.write_file(BACKUPS["recv"], "0\n%s\n%s\n" % (about("z1"), about("z2")))
+    start_agent(server.url)
+    server.wait_for_connection(15)
+    got = messages_until(server, 2)
+    assert [m.data["id"] for m in got] == ["z1", "z2"]
+    assert not device.exists(BACKUPS["recv"])
+
+
+def test_restored_requests_beyond_ten_are_refused_with_too_many_items(device, server,
+                                                                     start_agent):
+    lines = [about("q%d" % i) for i in range(12)]
+    device.write_file(BACKUPS["recv"], "12\n" + "\n".join(lines) + "\n")
+    start_agent(server.url)
+    server.wait_for_connection(15)
+    # the restore runs before the main loop takes anything: q0..q9 fill the
+    # receive queue, q10 and q11 are answered at once with 10002
+    refusal = ('{"jsonrpc":"2.0","id":"%s","error":{"code":10002,'
+               '"message":"Too many items in a list","data":""}}')
+    got = messages_until(server, 12)
+    assert [m.raw for m in got[:2]] == [refusal % "q10", refusal % "q11"]
+    assert [m.data["id"] for m in got[2:]] == ["q%d" % i for i in range(10)]
+    assert all("result" in m.data for m in got[2:])
+
+
+def test_a_corrupt_backup_line_stops_the_agent(device, server, start_agent):
+    device.write_file(BACKUPS["recv"], "2\n%s\nnot json\n" % about("c1"))
+    agent = start_agent(server.url)
+    agent.expect_abort = True
+    server.wait_for_connection(15)
+    assert agent.wait_exit(15) == 128 + signal.SIGABRT
+    assert ("korvat-cloud: kapri_util.cpp:1702: restore_queue: Assertion "
+            "`((void *)0) != root' failed.") in agent.err.lines
+
+
+def test_the_flash_copies_are_moved_to_etc_before_the_restore(device, server, start_agent):
+    device.write_file(BACKUPS["recv"], "1\n%s\n" % about("etc-copy"))
+    # the jffs2 partition of the simulated device
+    flash = os.path.join(device.run, "flash", "cloud_recv_cmd.backup")
+    with open(flash, "w") as f:
+        f.write("1\n%s\n" % about("flash-copy"))
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    got = server.next_message(15)
+    assert got.data["id"] == "flash-copy"
+    journal = device.journal()
+    expected = ["mkdir -p /mnt/_sys1", "mount -t jffs2 /dev/mtdblock2 /mnt/_sys1",
+                "umount /mnt/_sys1"]
+    positions = [journal.index(x) if x in journal else -1 for x in expected]
+    assert -1 not in positions[1:] and positions[1] < positions[2], journal
+    assert not os.path.exists(flash)
+    assert not device.exists(BACKUPS["recv"])
+    agent.out.wait_for("Read backup file to queue...")
+
+
+# ---- the luci-reload pause -----------------------------------------------
+
+def test_a_request_waits_while_the_web_configuration_reloads(device, connected):
+    agent, server = connected
+    # the timer has started ticking
+    agent.out.wait_for(re.compile(r"\[LINE 1550\]: === beta_mode="), timeout=15)
+    device.write_file("/tmp/luci_reload_cmd", "")
+    time.sleep(1.5)  # at least one tick has seen it
+    device.clear_journal()
+    server.send_text(about("paused"))
+    time.sleep(3)
+    assert server.messages == []
+    assert "sntool" not in device.journal()
+    gone = time.monotonic()
+    device.remove_file("/tmp/luci_reload_cmd")
+    # dispatched about 5 to 6 s later: up to a tick until the timer
+    # notices, up to a second until the main loop looks again, then five
+    # more seconds
+    dispatch = r"\[LINE 126\]: processing genericCommandHandler\.\.\.$"
+    before = len(agent.out.matching(dispatch))
+    reply = server.next_message(30)
+    assert reply.data["id"] == "paused"
+    dispatched = agent.out.matching(dispatch)[before:]
+    assert len(dispatched) == 1
+    waited = dispatched[0][0] - gone
+    assert 4.5 <= waited <= 7.5, waited
+
+
+def test_no_status_update_while_the_web_configuration_reloads(device, server, start_agent):
+    settings(device, auto_update=1)
+    device.write_file("/tmp/luci_reload_cmd", "")
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    time.sleep(4)
+    assert not [m for m in server.messages if m.method == "dsLogStatusUpdates"]
+    agent.out.wait_for(re.compile(r"\[LINE 316\]: === luci-reloading\.\.\.\.\.\.$"))
+    device.remove_file("/tmp/luci_reload_cmd")
+    update = server.next_message(10, method="dsLogStatusUpdates")
+    assert update.data["params"]["deviceId"] == MAC
+
+
+# ---- start-up of the timer ------------------------------------------------
+
+def test_the_timer_records_its_id_and_detects_radios_and_beta_mode(device, server,
+                                                                    start_agent):
+    settings(device, beta_mode=1)
+    device.write_file("/etc/mDNSResponder.conf", '#\n\t"VK310"\n')
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    timer = agent.timer_tid()
+    assert timer in agent.threads() and timer != agent.main_tid()
+    agent.out.wait_for(re.compile(
+        r"^\[PID %d\]\[FUNC kapri_util\.cpp::timerHandler\]\[LINE 1544\]: "
+        r"=== support2G=1, support5G=1$" % timer))
+    agent.out.wait_for(re.compile(r"\[LINE 1550\]: === beta_mode=1$"))
+    reply = server.request("dxGetAbout", {"deviceId": MAC})
+    assert reply.data["result"]["model"] == "VK310-BETA"
+    journal = device.journal()
+    assert "kapri_util.lua get_support_radio" in journal
+    assert "uci get korvatCloud.korvatCloud.beta_mode" in journal
+
+
+def test_without_beta_mode_the_model_is_plain(device, server, start_agent):
+    settings(device, beta_mode=0)
+    device.write_file("/etc/mDNSResponder.conf", '#\n\t"VK310"\n')
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    agent.timer_tid()
+    agent.out.wait_for(re.compile(r"\[LINE 1550\]: === beta_mode=0$"))
+    assert server.request("dxGetAbout", {"deviceId": MAC}).data["result"]["model"] == "VK310"
+
+
+# ---- the init script ------------------------------------------------------
+
+RC_COMMON = os.path.join(ROOT, "openwrt", "test-support", "rc.common")
+INIT_SCRIPT = os.path.join(ROOT, "openwrt", "korvat-cloud", "files", "korvatCloud.init")
+
+
+def install_service(device, tmp_path, url):
+    """The package's service script and the procd stand-in, configured for
+    url, with a LAN address file for the device id."""
+    net = tmp_path / "net"
+    (net / "br-lan").mkdir(parents=True)
+    (net / "br-lan" / "address").write_text("00:11:22:33:44:55\n")
+    for name, src, mode in (("/etc/rc.common", RC_COMMON, 0o755),
+                            ("/etc/init.d/korvatCloud", INIT_SCRIPT, 0o755)):
+        with open(src) as f:
+            device.write_file(name, f.read(), mode)
+    device.uci_ok("set", "korvatCloud.korvatCloud.server_url=%s" % url)
+    device.uci_ok("set", "korvatCloud.korvatCloud.port_number=")
+    device.uci_ok("commit", "korvatCloud")
+    return str(net)
+
+
+def test_init_script_stop_saves_the_queues_and_ends_the_agent(device, server, tmp_path):
+    from conftest import AGENT
+    net = install_service(device, tmp_path, server.url)
+    device.start(["/bin/sh", "-c", "touch /tmp/.booted; exec sleep 3600"], agent=AGENT,
+                 binds=[(net, "/sys/class/net")])
+    assert wait_file(device, "/tmp/.booted")
+    r = device.exec(["/etc/init.d/korvatCloud", "start"])
+    assert r.returncode == 0, r.stderr
+    server.wait_for_connection(20)
+    assert wait_file(device, "/tmp/cloud_timer_pid")
+    device.set_script("sntool", SLOW_WHILE)
+    device.write_file("/tmp/slow", "")
+    server.send_text(about("busy"))
+    assert device.wait_journal("sntool")
+    server.send_text(about("s1"))
+    server.send_text(about("s2"))
+    # each received frame is dumped with the time of day: two more "date"
+    # calls show that both are in the receive queue
+    before = device.journal().count("date +%Y-%m-%dT%H:%M:%S%z")
+    deadline = time.monotonic() + 10
+    while device.journal().count("date +%Y-%m-%dT%H:%M:%S%z") < before + 2 and \
+            time.monotonic() < deadline:
+        time.sleep(0.1)
+    time.sleep(0.5)
+    r = device.exec(["/etc/init.d/korvatCloud", "stop"], timeout=60)
+    assert r.returncode == 0, r.stderr
+    assert device.find("korvat-cloud") == []
+    assert "killall -9 korvat-cloud" in device.journal()
+    recv = backup_lines(device, "recv")
+    assert [json.loads(line)["id"] for line in recv[1:]] == ["s1", "s2"]
+    # the next start sends what was waiting
+    device.remove_file("/tmp/slow")
+    r = device.exec(["/etc/init.d/korvatCloud", "start"])
+    assert r.returncode == 0, r.stderr
+    server.wait_for_connection(20)
+    got = messages_until(server, 2)
+    assert [m.data["id"] for m in got] == ["s1", "s2"]
+    r = device.exec(["/etc/init.d/korvatCloud", "stop"], timeout=60)
+    assert r.returncode == 0
