@@ -25,8 +25,8 @@ static const MethodEntry kMethods[] = {
     {"dxGetAbout", dxGetAboutHandler},                          /* settings */
     {"dxGetNetworkSettings", dxGetNetworkSettingsHandler},      /* settings */
     {"dxSetNetworkSettings", dxSetNetworkSettingsHandler},      /* settings */
-    // {"dxGetTimeSettings", dxGetTimeSettingsHandler},         /* time */
-    // {"dxSetTimeSettings", dxSetTimeSettingsHandler},         /* time */
+    {"dxGetTimeSettings", dxGetTimeSettingsHandler},            /* time */
+    {"dxSetTimeSettings", dxSetTimeSettingsHandler},            /* time */
     // {"dxResetDevice", dxResetDeviceHandler},                 /* maintenance */
     // {"dxEnableRemoteWebUiAccess", dxKorvatUpdateEnableRemoteWebUiAccessHandler}, /* remote access */
     // {"dxDisableRemoteWebUiAccess", dxUpdateDisableRemoteWebUiAccessHandler},     /* remote access */
