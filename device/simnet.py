@@ -15,15 +15,26 @@
 # SSDP to 239.255.255.250:1900) can reach the host's own namespace: the host
 # has no interface in either namespace.
 #
-# A small holder process owns the two namespaces: it forks one child per
-# namespace (each unshares its network namespace and sleeps), configures
-# them with iproute2, prints one JSON line {"device": PID, "gateway": PID}
-# and lives until its standard input reaches end of file (the Python API
-# keeps a pipe open) or until it is killed (the command-line form).  The
-# children die with it.
+# With an uplink (DeviceNet(wan=True), for tests of the UPnP gateway) a
+# third namespace stands for the internet behind the gateway:
 #
-#   simnet.py hold            hold until stdin closes (for programs)
-#   simnet.py hold --detach   hold until killed; the pids go to stdout
+#   gateway namespace                         internet namespace
+#     wan0     45.67.89.10/24  <-- veth -->    uplink0  45.67.89.1/24
+#     default via 45.67.89.1
+#
+# The gateway's WAN address must look public (a UPnP gateway refuses port
+# forwarding on a private or reserved one); it exists only inside these
+# namespaces, and nothing is routed beyond them.
+#
+# A small holder process owns the namespaces: it forks one child per
+# namespace (each unshares its network namespace and sleeps), configures
+# them with iproute2, prints one JSON line {"device": PID, "gateway": PID,
+# ...} and lives until its standard input reaches end of file (the Python
+# API keeps a pipe open) or until it is killed (the command-line form).
+# The children die with it.
+#
+#   simnet.py hold [--wan]            hold until stdin closes (for programs)
+#   simnet.py hold --detach [--wan]   hold until killed; the pids go to stdout
 import ctypes
 import json
 import os
@@ -39,6 +50,10 @@ GATEWAY_IP = "192.168.1.1"
 PREFIX = 24
 DEVICE_IF = "br-lan"
 GATEWAY_IF = "lan0"
+WAN_IP = "45.67.89.10"
+UPLINK_IP = "45.67.89.1"
+WAN_IF = "wan0"
+UPLINK_IF = "uplink0"
 
 CLONE_NEWNET = 0x40000000
 PR_SET_PDEATHSIG = 1
@@ -117,6 +132,17 @@ def _ip(pid, *args):
                    check=True, stdout=subprocess.DEVNULL)
 
 
+def _configure_wan(gw, inet):
+    _ip(inet, "link", "set", "lo", "up")
+    _ip(gw, "link", "add", WAN_IF, "type", "veth", "peer", "name", UPLINK_IF,
+        "netns", str(inet))
+    _ip(gw, "addr", "add", "%s/%d" % (WAN_IP, PREFIX), "dev", WAN_IF)
+    _ip(gw, "link", "set", WAN_IF, "up")
+    _ip(inet, "addr", "add", "%s/%d" % (UPLINK_IP, PREFIX), "dev", UPLINK_IF)
+    _ip(inet, "link", "set", UPLINK_IF, "up")
+    _ip(gw, "route", "add", "default", "via", UPLINK_IP)
+
+
 def _configure(dev, gw):
     _ip(dev, "link", "set", "lo", "up")
     _ip(gw, "link", "set", "lo", "up")
@@ -129,7 +155,7 @@ def _configure(dev, gw):
     _ip(dev, "route", "add", "default", "via", GATEWAY_IP)
 
 
-def hold(detach=False):
+def hold(detach=False, wan=False):
     if not detach:
         _libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
     children = []
@@ -153,13 +179,18 @@ def hold(detach=False):
         children.append(_spawn_namespace())
         children.append(_spawn_namespace())
         _configure(*children)
+        if wan:
+            children.append(_spawn_namespace())
+            _configure_wan(children[1], children[2])
     except (OSError, subprocess.CalledProcessError) as e:
         sys.stderr.write("simnet: %s\n" % e)
         for pid in children:
             os.kill(pid, signal.SIGKILL)
         return 1
-    sys.stdout.write(json.dumps({"device": children[0], "gateway": children[1],
-                                 "holder": os.getpid()}) + "\n")
+    info = {"device": children[0], "gateway": children[1], "holder": os.getpid()}
+    if wan:
+        info["internet"] = children[2]
+    sys.stdout.write(json.dumps(info) + "\n")
     sys.stdout.flush()
     if detach:
         devnull = os.open(os.devnull, os.O_RDWR)
@@ -189,13 +220,17 @@ class DeviceNet:
 
     device_ip = DEVICE_IP
     gateway_ip = GATEWAY_IP
+    wan_ip = WAN_IP
+    uplink_ip = UPLINK_IP
 
-    def __init__(self, info=None):
-        """A new network, or (info given) one a detached holder owns."""
+    def __init__(self, info=None, wan=False):
+        """A new network (wan: with the internet namespace behind the
+        gateway), or (info given) one a detached holder owns."""
         self._holder = None
         if info is None:
             self._holder = subprocess.Popen(
-                ["/usr/bin/python3", os.path.abspath(__file__), "hold"],
+                ["/usr/bin/python3", os.path.abspath(__file__), "hold"] +
+                (["--wan"] if wan else []),
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
             line = self._holder.stdout.readline()
             if not line:
@@ -205,6 +240,8 @@ class DeviceNet:
         self.info = info
         self.device_ns = "/proc/%d/ns/net" % info["device"]
         self.gateway_ns = "/proc/%d/ns/net" % info["gateway"]
+        self.internet_ns = ("/proc/%d/ns/net" % info["internet"]
+                            if "internet" in info else None)
         self._lock = threading.Lock()
 
     def device_argv(self, argv):
@@ -218,6 +255,11 @@ class DeviceNet:
 
     def run_gateway(self, argv, **kw):
         return subprocess.run(self.gateway_argv(argv), **kw)
+
+    def internet_argv(self, argv):
+        if self.internet_ns is None:
+            raise RuntimeError("this network has no uplink (DeviceNet(wan=True))")
+        return ns_argv(self.internet_ns, argv)
 
     def in_gateway(self):
         return in_netns(self.gateway_ns)
@@ -247,6 +289,6 @@ def detached_stop(info):
 
 if __name__ == "__main__":
     if len(sys.argv) >= 2 and sys.argv[1] == "hold":
-        sys.exit(hold(detach="--detach" in sys.argv[2:]))
-    sys.stderr.write("usage: simnet.py hold [--detach]\n")
+        sys.exit(hold(detach="--detach" in sys.argv[2:], wan="--wan" in sys.argv[2:]))
+    sys.stderr.write("usage: simnet.py hold [--detach] [--wan]\n")
     sys.exit(2)

@@ -28,8 +28,8 @@ static const MethodEntry kMethods[] = {
     {"dxGetTimeSettings", dxGetTimeSettingsHandler},            /* time */
     {"dxSetTimeSettings", dxSetTimeSettingsHandler},            /* time */
     // {"dxResetDevice", dxResetDeviceHandler},                 /* maintenance */
-    // {"dxEnableRemoteWebUiAccess", dxKorvatUpdateEnableRemoteWebUiAccessHandler}, /* remote access */
-    // {"dxDisableRemoteWebUiAccess", dxUpdateDisableRemoteWebUiAccessHandler},     /* remote access */
+    {"dxEnableRemoteWebUiAccess", dxKorvatUpdateEnableRemoteWebUiAccessHandler}, /* remote access */
+    {"dxDisableRemoteWebUiAccess", dxUpdateDisableRemoteWebUiAccessHandler},     /* remote access */
     // {"dxUpdateFirmware", dxUpdateFirmwareHandler},           /* maintenance */
     // {"dxStreamSystemLogs", dxStreamSystemLogsHandler},       /* maintenance */
     // {"dxSetLoggingMode", dxSetLoggingModeHandler},           /* maintenance */

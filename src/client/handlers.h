@@ -58,6 +58,8 @@ void dxSetCloudServerUrlHandler(const cJSON *request);
 
 void dxKorvatUpdateEnableRemoteWebUiAccessHandler(const cJSON *request);
 void dxUpdateDisableRemoteWebUiAccessHandler(const cJSON *request);
+/* Closes remote access once the external web session has expired. */
+void close_timeout_upnp_port(void);
 
 /* ---- access point status and configuration queries (ap_status.cpp) ---- */
 

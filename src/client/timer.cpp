@@ -71,6 +71,7 @@ static void runChores(int tick)
     int eventFreeSlots = freeSlotCount(&g_sendQueues[SEND_QUEUE_EVENT]);
     int paused = luciReloadCheck();
     timeSyncCheck(tick);
+    remoteAccessExpiryCheck();
     logStreamCheck(tick);
     eventCheck(eventFreeSlots, paused);
 }

@@ -15,6 +15,9 @@ int timerTicks(void);
 
 /* Time synchronisation every time-sync period (time.cpp). */
 void timeSyncCheck(int tick);
+/* Remote-access expiry every tick while a time-out is set and no enable is
+ * running (remote_access.cpp). */
+void remoteAccessExpiryCheck(void);
 /* System-log streaming every 5 ticks, or discarding the capture while the
  * reply queue is nearly full (events.cpp). */
 void logStreamCheck(int tick);

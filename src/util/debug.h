@@ -33,6 +33,13 @@ void kcDebugPrintAs(int pid, const char *module, const char *func, int line,
             kcDebugPrint(KC_MODULE, __func__, (line), __VA_ARGS__); \
     } while (0)
 #define KC_DEBUG(...) KC_DEBUG_AT(__LINE__, __VA_ARGS__)
+/* A line of another module (a function of that module that lives in this
+ * file's family). */
+#define KC_DEBUG_MODULE(module, ...)                                      \
+    do {                                                                  \
+        if (g_debugFlag)                                                  \
+            kcDebugPrint((module), __func__, __LINE__, __VA_ARGS__);       \
+    } while (0)
 #define KC_DEBUG_AS(pid, func, line, ...)                                 \
     do {                                                                  \
         if (g_debugFlag)                                                  \
