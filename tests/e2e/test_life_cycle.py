@@ -23,7 +23,6 @@ BACKUPS = {
 # sntool stalls while /tmp/slow exists (the main thread stays in that one
 # request), then answers at once
 SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.2; done\necho TAG-1\n'
-SLOW_ONCE = 'if [ -e /tmp/slow ]; then rm -f /tmp/slow; sleep %s; fi\necho TAG-1\n'
 
 
 def about(id_):
@@ -158,7 +157,7 @@ def test_sigterm_to_the_timer_saves_every_queue_and_the_next_start_sends_them(
 
 def test_replies_waiting_for_the_server_survive_a_stop(device, server, start_agent):
     settings(device, conn_retry=1)
-    device.set_script("sntool", SLOW_ONCE % 3)
+    device.set_script("sntool", SLOW_WHILE)
     agent = start_agent(server.url)
     first = server.wait_for_connection(15)
     timer = agent.timer_tid()
@@ -170,6 +169,7 @@ def test_replies_waiting_for_the_server_survive_a_stop(device, server, start_age
     time.sleep(0.3)
     server.pause()
     server.drop(first)
+    device.remove_file("/tmp/slow")
     # a0's reply is with the sending thread; a1..a3's wait in the reply queue
     deadline = time.monotonic() + 20
     while device.journal().count("sntool") < 4 and time.monotonic() < deadline:

@@ -6,9 +6,11 @@ import time
 
 from conftest import MAC
 
-# sntool stalls once while /tmp/slow exists, which keeps the main thread
-# inside one dxGetAbout for a while.
-SLOW_ONCE = 'if [ -e /tmp/slow ]; then rm -f /tmp/slow; sleep %s; fi\necho TAG-1\n'
+# sntool stalls while /tmp/slow exists (for two minutes at most), which keeps
+# the main thread inside one dxGetAbout until the test lets it go: no timing
+# assumption, however slow the machine or the emulated target.
+SLOW_WHILE = ('i=0; while [ -e /tmp/slow ] && [ $i -lt 600 ]; do sleep 0.2; i=$((i+1)); done\n'
+              'echo TAG-1\n')
 
 
 def about(id_):
@@ -26,16 +28,17 @@ def collect(server, count, timeout=30):
 
 def test_eleventh_request_while_busy_is_refused_and_never_run(device, connected):
     agent, server = connected
-    device.set_script("sntool", SLOW_ONCE % 3)
+    device.set_script("sntool", SLOW_WHILE)
     device.write_file("/tmp/slow", "")
     server.send_text(about("busy"))
     assert device.wait_journal("sntool")
     for i in range(1, 12):
         server.send_text(about("q%d" % i))
-    # the refusal leaves at once, ahead of every reply
-    first = server.next_message(10)
+    # the refusal leaves while the main thread is still busy, ahead of every reply
+    first = server.next_message(30)
     assert first.raw == ('{"jsonrpc":"2.0","id":"q11","error":{"code":10002,'
                          '"message":"Too many items in a list","data":""}}')
+    device.remove_file("/tmp/slow")
     rest = collect(server, 11)
     assert [m.data["id"] for m in rest] == ["busy"] + ["q%d" % i for i in range(1, 11)]
     assert all("result" in m.data for m in rest)
@@ -59,7 +62,7 @@ def test_replies_queued_while_the_server_is_gone_arrive_after_reconnection(devic
                                                                         start_agent):
     device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=1")
     device.uci_ok("commit", "korvatCloud")
-    device.set_script("sntool", SLOW_ONCE % 2)
+    device.set_script("sntool", SLOW_WHILE)
     agent = start_agent(server.url)
     first = server.wait_for_connection(15)
     device.write_file("/tmp/slow", "")
@@ -71,6 +74,7 @@ def test_replies_queued_while_the_server_is_gone_arrive_after_reconnection(devic
     server.pause()
     server.drop()
     agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=10)
+    device.remove_file("/tmp/slow")
     time.sleep(3)
     assert server.messages == []
     server.resume()
