@@ -11,10 +11,12 @@
 # sibling directory the device cannot see, and runs the simulated `uci` for
 # host-side queries inside a one-shot sandbox of its own.
 import ctypes
+import fnmatch
 import json
 import os
 import shutil
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
@@ -28,6 +30,11 @@ import safefs  # noqa: E402
 import simnet  # noqa: E402
 SIM_DIR = os.path.join(DEVICE_DIR, "sim")
 TEMPLATE = os.path.join(DEVICE_DIR, "template")
+# The access-point model (profiles, clients, traffic), shared with the
+# device's utility script.
+if os.path.join(SIM_DIR, "lib") not in sys.path:
+    sys.path.insert(0, os.path.join(SIM_DIR, "lib"))
+import apmodel  # noqa: E402
 PYTHON = "/usr/bin/python3"
 
 # Paths inside the sandbox.
@@ -50,6 +57,17 @@ SYSLOG = ("Nov 15 23:12:20 VK310 kern.notice kernel: [    0.000000] Linux "
           "Nov 15 23:12:24 VK310 kern.info kernel: br-lan: port 1(eth0) "
           "entered forwarding state\n"
           "Nov  5 08:01:02 VK310 user.notice root: system ready\n")
+PRINTK_DEFAULT = "4\t4\t1\t7\n"
+# /tmp is a tmpfs on the device: what the boot scripts put there.
+BOOT_TMP = {"tmp/resolv.conf": "nameserver 192.168.1.1\n",
+            "tmp/resolv.conf.auto": "# Interface lan\n"
+                                    "nameserver 192.168.1.1\n"
+                                    "nameserver 8.8.8.8\n"}
+# Written by the device's `reboot` (RUN/reboot.pending): the next start is
+# a boot.  The agent's queue backups in /etc do not survive it; their flash
+# copies do.
+REBOOT_MARKER = "reboot.pending"
+REBOOT_LOST_ETC = "cloud_*.backup"
 
 
 # Target mode (SIMDEVICE_TARGET=mips): the agent is the big-endian MIPS
@@ -114,17 +132,87 @@ def create_run_dir(path=None, template=TEMPLATE):
     for d in ("tmp", "mnt", "flash", "sim", "sim/kapri_util"):
         os.makedirs(os.path.join(path, d), exist_ok=True)
     os.chmod(os.path.join(path, "tmp"), 0o1777)
-    files = {"journal.log": "", "syslog.log": SYSLOG,
-             "proc_printk": "4\t4\t1\t7\n",
-             "tmp/resolv.conf": "nameserver 192.168.1.1\n",
-             "tmp/resolv.conf.auto": "# Interface lan\n"
-                                     "nameserver 192.168.1.1\n"
-                                     "nameserver 8.8.8.8\n",
-             MARKER: ""}
+    files = dict(BOOT_TMP, **{"journal.log": "", "syslog.log": SYSLOG,
+                              "proc_printk": PRINTK_DEFAULT, MARKER: ""})
     for name, text in files.items():
         with open(os.path.join(path, name), "x") as f:
             f.write(text)
     return path
+
+
+def _clear_dir(run, rel):
+    """Removes everything inside RUN/rel, never following a link (the
+    device may have planted any)."""
+    fd = safefs._open_dir(run, safefs._parts(rel))
+    try:
+        for name in os.listdir(fd):
+            st = os.stat(name, dir_fd=fd, follow_symlinks=False)
+            if stat.S_ISDIR(st.st_mode):
+                shutil.rmtree(name, dir_fd=fd)
+            else:
+                os.unlink(name, dir_fd=fd)
+    finally:
+        os.close(fd)
+
+
+def _unmount_all(run):
+    """The simulated mounts end with the boot that follows a reboot.  A
+    jffs2 partition is written as the device writes it, so the mounted
+    directory's files are the flash content: they go back to RUN/flash
+    and leave the mount point, as `umount` does."""
+    try:
+        targets = [t for t in safefs.read_text(run, "mounts.sim").split("\n")
+                   if t]
+    except FileNotFoundError:
+        return
+    for target in targets:
+        rel = target.strip("/")
+        if not rel or ".." in rel.split("/") or \
+                rel.split("/")[0] not in ("etc", "tmp", "mnt"):
+            continue
+        try:
+            names = safefs.listdir(run, rel)
+        except (FileNotFoundError, NotADirectoryError, safefs.UnsafePath):
+            continue
+        _clear_dir(run, "flash")
+        for name in names:
+            if safefs.is_file(run, rel + "/" + name):
+                safefs.write_bytes(run, "flash/" + name,
+                                   safefs.read_bytes(run, rel + "/" + name))
+        _clear_dir(run, rel)
+    safefs.unlink(run, "mounts.sim")
+
+
+def boot_if_rebooted(run):
+    """Boots the device of `run` when its last session ended with
+    `reboot`: what lives in RAM on the device starts afresh (/tmp, the
+    system log, the kernel's printk level, the mounts, the agent's queue
+    backups in /etc); /etc/config, the rest of /etc and the flash partition
+    are kept.  True when it booted."""
+    run = os.path.abspath(run)
+    if not safefs.lexists(run, REBOOT_MARKER):
+        return False
+    _unmount_all(run)
+    _clear_dir(run, "tmp")
+    for rel, text in BOOT_TMP.items():
+        safefs.write_text(run, rel, text)
+    safefs.write_text(run, "syslog.log", SYSLOG)
+    safefs.write_text(run, "proc_printk", PRINTK_DEFAULT)
+    for name in safefs.listdir(run, "etc"):
+        if fnmatch.fnmatchcase(name, REBOOT_LOST_ETC):
+            safefs.unlink(run, "etc/" + name)
+    safefs.unlink(run, REBOOT_MARKER)
+    return True
+
+
+def _proc_stat_fd(run):
+    """Descriptor of RUN/proc_stat (opened without following links) for
+    the sandbox's /proc/stat, or None when the run has no such file."""
+    if not safefs.is_file(run, "proc_stat"):
+        return None
+    fd = safefs.open_file(run, "proc_stat", os.O_RDONLY)
+    os.set_inheritable(fd, True)
+    return fd
 
 
 def _tool_names():
@@ -134,7 +222,7 @@ def _tool_names():
 
 def sandbox_args(run, cmd, agent=None, env=None, binds=(),
                  preload=(), hostname="VK310", info_fd=None, cwd="/",
-                 shell="busybox"):
+                 shell="busybox", proc_stat_fd=None):
     """bwrap arguments that run `cmd` as the simulated device of `run`.
     /bin/sh is BusyBox ash as on the device (shell="host": the host's).
     The network namespace is the caller's: bwrap_command joins the run's
@@ -180,8 +268,11 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
     # Fresh /proc, read-only, with the printk file taken from the run.
     a += ["--proc", "/proc", "--remount-ro", "/proc",
           "--bind", os.path.join(run, "proc_printk"),
-          "/proc/sys/kernel/printk",
-          "--dev", "/dev", "--tmpfs", "/run", "--tmpfs", "/var",
+          "/proc/sys/kernel/printk"]
+    if proc_stat_fd is not None:
+        # CPU times a test sets (Device.set_proc_stat)
+        a += ["--ro-bind-fd", str(proc_stat_fd), "/proc/stat"]
+    a += ["--dev", "/dev", "--tmpfs", "/run", "--tmpfs", "/var",
           "--symlink", "../run", "/var/run", "--dir", "/var/log",
           "--tmpfs", "/root"]
     if TARGET:
@@ -230,17 +321,22 @@ def _args_fd(run, args):
 def bwrap_command(run, cmd, net_ns, **kw):
     """(argv, fds) to start the sandbox in the network namespace at net_ns:
     argv for exec/Popen, fds to pass.  The sandbox's host pid appears in
-    the control directory's bwrap-info.json once running."""
+    the control directory's bwrap-info.json once running.  When the
+    device's last session ended with `reboot`, this start is a boot
+    (boot_if_rebooted)."""
+    boot_if_rebooted(run)
     info = os.open(os.path.join(control_dir(run), "bwrap-info.json"),
                    os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
     os.set_inheritable(info, True)
-    args = sandbox_args(run, cmd, info_fd=info, **kw)
+    stat_fd = _proc_stat_fd(run)
+    args = sandbox_args(run, cmd, info_fd=info, proc_stat_fd=stat_fd, **kw)
     cut = args.index("--")
     fd = _args_fd(run, args[:cut])
     argv = ["bwrap", "--args", str(fd)] + args[cut:]
     if TARGET:
         argv = [QEMU_BINFMT, "run", "--"] + argv
-    return simnet.ns_argv(net_ns, argv), (fd, info)
+    fds = (fd, info) if stat_fd is None else (fd, info, stat_fd)
+    return simnet.ns_argv(net_ns, argv), fds
 
 
 def uci_sandbox_argv(run, args):
@@ -480,6 +576,31 @@ class Device:
                 s.close()
         return self.proc.returncode
 
+    def reboot_pending(self):
+        """True when `reboot` ran in the device since its last boot."""
+        return safefs.lexists(self.run, REBOOT_MARKER)
+
+    def reboot_requested_at(self):
+        """Host time (seconds) at which `reboot` ran, or None."""
+        try:
+            return float(safefs.read_text(self.run, REBOOT_MARKER))
+        except (FileNotFoundError, ValueError):
+            return None
+
+    def wait_rebooted(self, timeout=10.0):
+        """Wait until the device has gone down after a `reboot` (the sandbox
+        ended and the reboot was requested).  True when it did; False when
+        it is still running after timeout seconds or ended without a
+        reboot.  The next start() is then a boot of the same run
+        directory."""
+        if self.proc is None:
+            return False
+        try:
+            self.proc.wait(timeout)
+        except subprocess.TimeoutExpired:
+            return False
+        return self.reboot_pending()
+
     def close(self):
         self.stop()
         if self._own_net:
@@ -608,11 +729,71 @@ class Device:
     def _write_override(self, tool, args, ext, text):
         safefs.write_text(self.run, self._override_path(tool, args, ext), text)
 
+    # ---- access point: profile, clients, traffic ------------------------
+    def set_profile(self, name):
+        """Make the device one of the access-point profiles, before it
+        starts: "dual-band" (the template: wifi0 2.4 GHz and wifi1 5 GHz),
+        "single-band" (2.4 GHz only: no wifi1 radio, no w1_* networks, no
+        w1_* halves in the network profile) or "not-ap"
+        (wireless.wifi0.opmode "sta").  Rewrites /etc/config/wireless from
+        the template, drops staged wireless changes and resets the client
+        and traffic model to the profile's."""
+        if self.running():
+            raise RuntimeError("set the profile before the device starts")
+        with open(os.path.join(TEMPLATE, "etc", "config", "wireless")) as f:
+            text = apmodel.profile_wireless(f.read(), name)
+        safefs.write_text(self.run, "etc/config/wireless", text)
+        safefs.unlink(self.run, "tmp/.uci/wireless")
+        self._write_ap_model(apmodel.profile_model(name))
+
+    def ap_model(self):
+        """The client and traffic model the utility script answers from."""
+        try:
+            return apmodel.parse_model(
+                safefs.read_text(self.run, apmodel.MODEL_FILE))
+        except FileNotFoundError:
+            return apmodel.parse_model("")
+
+    def set_clients(self, clients):
+        """Replace the associated clients: dicts with "cmac" and "network"
+        (interface section, e.g. "w0_index0") and any of "name", "ip",
+        "rx", "tx" (printed as text), "signal", "uptime" or other members,
+        printed as given.  A client counts only while its network is up."""
+        self._write_ap_model(apmodel.with_clients(self.ap_model(), clients))
+
+    def set_traffic(self, lan=None, networks=None, link=None):
+        """Set counters: lan=(rx, tx) bytes of eth0, networks={section:
+        (rx, tx)} (a radio's counters are the sums over its networks),
+        link=(speed, duplexMode) of eth0, e.g. ("100Mbps", "Half").  None
+        for a value makes its sub-command print nothing."""
+        self._write_ap_model(apmodel.with_traffic(self.ap_model(), lan,
+                                                  networks, link))
+
+    def _write_ap_model(self, model):
+        safefs.write_text(self.run, apmodel.MODEL_FILE,
+                          apmodel.dump_model(model))
+
     def append_syslog(self, line):
-        """Add a system-log line (as logread prints it; `logread -f` picks
-        it up)."""
+        """Add system-log lines (as logread prints them; `logread -f` picks
+        them up).  Several lines given at once, separated by newlines, are
+        written in one go, so that a follower sees them together."""
         safefs.write_text(self.run, "syslog.log", line.rstrip("\n") + "\n",
                           append=True)
+
+    def syslog(self):
+        """The system log buffer, as plain `logread` prints it."""
+        return safefs.read_text(self.run, "syslog.log")
+
+    def set_proc_stat(self, text):
+        """Set what /proc/stat reads inside the device (the CPU times the
+        agent samples).  Call it before start() to have the file in place
+        (a device started without it reads the real /proc/stat); calls
+        while the device runs change the text in place, and the device
+        sees the new text at its next read."""
+        if self.running() and not safefs.is_file(self.run, "proc_stat"):
+            raise RuntimeError("set_proc_stat before start(): this device "
+                               "reads the real /proc/stat")
+        safefs.write_text(self.run, "proc_stat", text)
 
 
 if DEVICE_DIR not in sys.path:

@@ -27,31 +27,31 @@ static const MethodEntry kMethods[] = {
     {"dxSetNetworkSettings", dxSetNetworkSettingsHandler},      /* settings */
     {"dxGetTimeSettings", dxGetTimeSettingsHandler},            /* time */
     {"dxSetTimeSettings", dxSetTimeSettingsHandler},            /* time */
-    // {"dxResetDevice", dxResetDeviceHandler},                 /* maintenance */
+    {"dxResetDevice", dxResetDeviceHandler},                    /* maintenance */
     {"dxEnableRemoteWebUiAccess", dxKorvatUpdateEnableRemoteWebUiAccessHandler}, /* remote access */
     {"dxDisableRemoteWebUiAccess", dxUpdateDisableRemoteWebUiAccessHandler},     /* remote access */
-    // {"dxUpdateFirmware", dxUpdateFirmwareHandler},           /* maintenance */
-    // {"dxStreamSystemLogs", dxStreamSystemLogsHandler},       /* maintenance */
-    // {"dxSetLoggingMode", dxSetLoggingModeHandler},           /* maintenance */
-    // {"dxGetStatusUpdateFrequency", dxGetStatusUpdateFrequencyHandler}, /* maintenance */
-    // {"dxSetStatusUpdateFrequency", dxSetStatusUpdateFrequencyHandler}, /* maintenance */
-    // {"dxSetCloudServerUrl", dxSetCloudServerUrlHandler},     /* maintenance */
-    // {"vekGetSystemConfig", vekGetSystemConfigHandler},       /* access point status */
-    // {"vekSetSystemConfig", vekSetSystemConfigHandler},       /* access point status */
-    // {"vekGetStatus", vekGetStatusHandler},                   /* access point status */
-    // {"vekGetLanStatus", vekGetLanStatusHandler},             /* access point status */
-    // {"vekGetRadioStatus", vekGetRadioStatusHandler},         /* access point status */
-    // {"vekGetGuestNetworkStatus", vekGetGuestNetworkStatusHandler}, /* access point status */
-    // {"vekGetNetworkStatus", vekGetNetworkStatusHandler},     /* access point status */
-    // {"vekGetClientStatus", vekGetClientStatusHandler},       /* access point status */
-    // {"vekGetRadioConfig", vekGetRadioConfigHandler},         /* access point status */
-    // {"vekGetNetworkConfig", vekGetNetworkConfigHandler},     /* access point status */
-    // {"vekSetNetworkConfig", vekSetNetworkConfigHandler},     /* wireless networks */
-    // {"vekGetClientList", vekGetClientListHandler},           /* guest and clients */
-    // {"vekGetGuestNetworkConfig", vekGetGuestNetworkConfigHandler}, /* guest and clients */
-    // {"vekSetGuestNetworkConfig", vekSetGuestNetworkConfigHandler}, /* guest and clients */
-    // {"vekAddNetwork", vekAddNetworkHandler},                 /* wireless networks */
-    // {"vekDeleteNetwork", vekDeleteNetworkHandler},           /* wireless networks */
+    {"dxUpdateFirmware", dxUpdateFirmwareHandler},              /* maintenance */
+    {"dxStreamSystemLogs", dxStreamSystemLogsHandler},          /* maintenance */
+    {"dxSetLoggingMode", dxSetLoggingModeHandler},              /* maintenance */
+    {"dxGetStatusUpdateFrequency", dxGetStatusUpdateFrequencyHandler}, /* maintenance */
+    {"dxSetStatusUpdateFrequency", dxSetStatusUpdateFrequencyHandler}, /* maintenance */
+    {"dxSetCloudServerUrl", dxSetCloudServerUrlHandler},        /* maintenance */
+    {"vekGetSystemConfig", vekGetSystemConfigHandler},          /* access point status */
+    {"vekSetSystemConfig", vekSetSystemConfigHandler},          /* access point status */
+    {"vekGetStatus", vekGetStatusHandler},                      /* access point status */
+    {"vekGetLanStatus", vekGetLanStatusHandler},                /* access point status */
+    {"vekGetRadioStatus", vekGetRadioStatusHandler},            /* access point status */
+    {"vekGetGuestNetworkStatus", vekGetGuestNetworkStatusHandler}, /* access point status */
+    {"vekGetNetworkStatus", vekGetNetworkStatusHandler},        /* access point status */
+    {"vekGetClientStatus", vekGetClientStatusHandler},          /* access point status */
+    {"vekGetRadioConfig", vekGetRadioConfigHandler},            /* access point status */
+    {"vekGetNetworkConfig", vekGetNetworkConfigHandler},        /* access point status */
+    {"vekSetNetworkConfig", vekSetNetworkConfigHandler},        /* wireless networks */
+    {"vekGetClientList", vekGetClientListHandler},              /* guest and clients */
+    {"vekGetGuestNetworkConfig", vekGetGuestNetworkConfigHandler}, /* guest and clients */
+    {"vekSetGuestNetworkConfig", vekSetGuestNetworkConfigHandler}, /* guest and clients */
+    {"vekAddNetwork", vekAddNetworkHandler},                    /* wireless networks */
+    {"vekDeleteNetwork", vekDeleteNetworkHandler},              /* wireless networks */
 };
 
 void genericCommandHandler(cJSON *request)

@@ -114,7 +114,9 @@ int parse_log_line(const char *line, LogLine *out)
         }
     }
     if (month == 0) {
-        KC_DEBUG_AT(4425, "No matched month!!\n");
+        /* the streamer's own debug line, whoever parses for it */
+        if (g_debugFlag)
+            kcDebugPrint(KC_MODULE, "sendStreamSysLog", 4425, "No matched month!!\n");
         return 0;
     }
     size_t length = strlen(line);

@@ -34,6 +34,7 @@ echo finished
 
 
 def test_stand_in_run_leaves_host_unchanged(device, tmp_path):
+    device.set_output("reboot", "")  # recorded only: the device stays up
     with HostGuard(device, decoys=("korvat-cloud", "logread")) as guard:
         status, out, err = run_sh(device, STAND_IN)
         assert out == "finished\n"

@@ -5,6 +5,7 @@
 # line to the journal; canned outputs can be replaced per run (simcommon).
 import os
 import shutil
+import signal
 import sys
 import time
 
@@ -116,17 +117,29 @@ TOP = ("Mem: 71040K used, 55032K free, 1180K shrd, 4516K buff, 18084K cached\n"
        "    1     0 root     S     1520   1%   0% /sbin/procd\n")
 
 
+def syslog_path():
+    return os.path.join(simcommon.run_dir(), "syslog.log")
+
+
 def t_logread(name, args):
-    follow = "-f" in args
-    ov = simcommon.override(name, [a for a in args if a != "-f"])
-    path = os.path.join(simcommon.run_dir(), "syslog.log")
+    """BusyBox logread over the device's log buffer (RUN/syslog.log): plain
+    prints the buffer; -f prints only what is logged from now on, as it
+    arrives; -F prints the buffer first, then follows.  The call is
+    journalled once the starting point is taken, so a line logged after
+    the journal line shows is never missed by a follower."""
+    follow = "-f" in args or "-F" in args
+    dump = "-f" not in args
+    path = syslog_path()
+    ov = simcommon.override(name, [a for a in args if a not in ("-f", "-F")])
+    if ov is not None or not dump:
+        pos = os.path.getsize(path) if os.path.exists(path) else 0
+    else:
+        pos = 0
+    journal(name, args)
     if ov is not None:
         os.write(1, ov[0])
         if not follow:
             return ov[1]
-        pos = os.path.getsize(path) if os.path.exists(path) else 0
-    else:
-        pos = 0
     out = sys.stdout.buffer
     while True:
         try:
@@ -144,8 +157,26 @@ def t_logread(name, args):
         time.sleep(0.2)
 
 
+LEVELS = ["emerg", "alert", "crit", "err", "warn", "notice", "info", "debug"]
+
+
+def priority_name(text):
+    """FACILITY.LEVEL of a logger -p value as BusyBox reads it: a pair as
+    given; a level alone, by name or number (its low three bits), has the
+    facility user."""
+    if "." in text:
+        return text
+    if text.isdigit():
+        return "user." + LEVELS[int(text) & 7]
+    return "user." + text
+
+
 def t_logger(name, args):
-    tag, prio, msg, rest = "root", "user.notice", [], list(args)
+    """BusyBox logger: one log line per message ("Nov 15 23:12:24 VK310
+    user.notice root: message"); without a message, one per line of
+    standard input.  -t TAG (default: the user name, root), -p PRIO, -s
+    (standard error as well)."""
+    tag, prio, msg, rest, to_stderr = "root", "user.notice", [], list(args), False
     while rest:
         a = rest.pop(0)
         if a in ("-t", "-p") and rest:
@@ -153,17 +184,80 @@ def t_logger(name, args):
             if a == "-t":
                 tag = v
             else:
-                prio = v if "." in v else "user." + v
+                prio = priority_name(v)
         elif a == "-s":
-            pass
+            to_stderr = True
         else:
             msg.append(a)
-    line = "%s %s %s: %s\n" % (time.strftime("%b %e %H:%M:%S"), prio, tag,
-                               " ".join(msg))
-    line = line[:16] + hostname() + " " + line[16:]
-    with open(os.path.join(simcommon.run_dir(), "syslog.log"), "a") as f:
-        f.write(line)
+    if msg:
+        messages = [" ".join(msg)]
+    else:
+        messages = [x for x in sys.stdin.read().split("\n") if x]
+    lines = ""
+    for text in messages:
+        stamp = time.strftime("%b %e %H:%M:%S")
+        lines += "%s %s %s %s: %s\n" % (stamp, hostname(), prio, tag, text)
+        if to_stderr:
+            sys.stderr.write("%s: %s\n" % (tag, text))
+    # one write: a follower never sees half a line
+    fd = os.open(syslog_path(), os.O_WRONLY | os.O_APPEND | os.O_CREAT, 0o644)
+    try:
+        os.write(fd, lines.encode("utf-8", "surrogateescape"))
+    finally:
+        os.close(fd)
     return emit(name, args, "")
+
+
+# What a reboot takes, as on the device: `reboot` returns at once; init
+# stops the services (REBOOT_SHUTDOWN seconds), sends SIGTERM to every
+# process, waits REBOOT_GRACE seconds and sends SIGKILL.  The device (the
+# sandbox) ends with its main process; the next start is a boot
+# (simdevice.boot_if_rebooted).
+REBOOT_SHUTDOWN = 2.0
+REBOOT_GRACE = 1.0
+REBOOT_MARKER = "reboot.pending"
+
+
+def inside_device_pid_namespace():
+    """True only inside the sandbox, whose pid 1 is bubblewrap's init: a
+    signal to every process (-1) then reaches device processes only."""
+    if os.environ.get("SIMDEVICE_RUN") or not os.path.isdir(
+            simcommon.SANDBOX_RUN):
+        return False
+    try:
+        with open("/proc/1/comm") as f:
+            return f.read().strip() == "bwrap"
+    except OSError:
+        return False
+
+
+def t_reboot(name, args):
+    ov = simcommon.override(name, args)
+    if ov is not None:  # an override replaces the reboot (record only)
+        os.write(1, ov[0])
+        return ov[1]
+    if not inside_device_pid_namespace():
+        sys.stderr.write("reboot: not inside a simulated device\n")
+        return 1
+    with open(os.path.join(simcommon.run_dir(), REBOOT_MARKER), "w") as f:
+        f.write("%.3f\n" % time.time())
+    child = os.fork()
+    if child == 0:
+        try:
+            os.setsid()
+            if os.fork() != 0:
+                os._exit(0)
+            null = os.open("/dev/null", os.O_RDWR)
+            for fd in (0, 1, 2):
+                os.dup2(null, fd)
+            time.sleep(REBOOT_SHUTDOWN)
+            os.kill(-1, signal.SIGTERM)  # every device process but this one
+            time.sleep(REBOOT_GRACE)
+            os.kill(-1, signal.SIGKILL)
+        finally:
+            os._exit(0)
+    os.waitpid(child, 0)
+    return 0
 
 
 def hostname():
@@ -272,7 +366,11 @@ def main():
             sys.stderr.write("lua: no script given\n")
             return 1
         os.execv(args[0], args)
+    if name == "logread":  # journals once it has taken its start
+        return t_logread(name, args)
     journal(name, args)
+    if name == "reboot":
+        return t_reboot(name, args)
     if name in ("date", "ps"):
         busybox(name, args)
     if name == "killall":
@@ -284,13 +382,13 @@ def main():
     simple = {"sntool": "7K2X9Q3\n", "free": FREE, "top": TOP}
     if name in simple:
         return emit(name, args, simple[name])
-    table = {"ifconfig": t_ifconfig, "ip": t_ip, "logread": t_logread,
-             "logger": t_logger, "mount": t_mount, "umount": t_umount,
+    table = {"ifconfig": t_ifconfig, "ip": t_ip, "logger": t_logger,
+             "mount": t_mount, "umount": t_umount,
              "session_timeout.lua": t_session_timeout}
     if name in table:
         return table[name](name, args)
-    # reboot, halt, poweroff, luci-reload, udhcpc, upnpc-static, cli.sh,
-    # service scripts: recorded only (plus any per-run override).
+    # halt, poweroff, luci-reload, udhcpc, upnpc-static, cli.sh, service
+    # scripts: recorded only (plus any per-run override).
     return emit(name, args, "")
 
 

@@ -1,0 +1,204 @@
+/*
+ * Device maintenance: "dxResetDevice", "dxUpdateFirmware",
+ * "dxStreamSystemLogs", "dxSetLoggingMode", "dxGetStatusUpdateFrequency",
+ * "dxSetStatusUpdateFrequency" and "dxSetCloudServerUrl".
+ *
+ * A success reply holds only the device id.  Where a command disrupts the
+ * device (reboot, firmware flash, restart of the agent, apply) the reply is
+ * queued first and the action follows.  "dxStreamSystemLogs" is the odd
+ * one: it switches streaming before it looks at "deviceId" and sends no
+ * reply of its own; the maintenance timer sends the captured lines as
+ * results of that request (events.cpp).
+ */
+#define KC_MODULE "nimb_client.cpp"
+#include "client/handlers.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+
+#include "client/error_reply.h"
+#include "client/events.h"
+#include "json/json_parser.h"
+#include "sdk/nimb_sdk.h"
+#include "sdk/queue_backup.h"
+#include "util/apply.h"
+#include "util/debug.h"
+#include "util/firmware.h"
+#include "util/kapri_util.h"
+
+/* ---- helpers ---- */
+
+static const char kLogCapture[] = "/tmp/cloud_log_file";
+
+/* Queues {"jsonrpc","id","result":{"deviceId":MAC}}. */
+static void replyDeviceId(const cJSON *request)
+{
+    cJSON *result = NULL;
+    writeJsonReply(initDeviceResult(request, &result));
+}
+
+/*
+ * The request "id" as the log stream keeps it: a string as it is, a number
+ * as its decimal text (cJSON's printing: 7 gives "7", 2.5 gives "2.5");
+ * anything else as "" (no stream).
+ */
+static std::string streamIdText(const cJSON *request)
+{
+    const cJSON *id = jsonGetItem(request, "id");
+    if (cJSON_IsString(id))
+        return id->valuestring;
+    if (!cJSON_IsNumber(id))
+        return "";
+    char *text = jsonPrint(id);
+    std::string copy = text != NULL ? text : "";
+    jsonFreeText(text);
+    return copy;
+}
+
+/* A background follower of the system log fills the capture afresh. */
+static void startLogCapture(void)
+{
+    run_system_command("killall logread");
+    if (access(kLogCapture, F_OK) == 0)
+        run_system_command("rm /tmp/cloud_log_file");
+    run_system_command("logread -f > /tmp/cloud_log_file&");
+}
+
+static void stopLogCapture(void)
+{
+    run_system_command("killall logread");
+    run_system_command("rm /tmp/cloud_log_file");
+}
+
+/* ---- handlers ---- */
+
+void dxResetDeviceHandler(const cJSON *request)
+{
+    KC_DEBUG("=== START ===\n");
+    if (requireDeviceParams(request) == NULL)
+        return;
+    replyDeviceId(request);
+    reboot_with_backup();
+    KC_DEBUG("=== END ===\n");
+}
+
+void dxUpdateFirmwareHandler(const cJSON *request)
+{
+    KC_DEBUG("=== START ===\n");
+    const cJSON *params = requireDeviceParams(request);
+    if (params == NULL)
+        return;
+    const char *url = jsonGetString(params, "url");
+    if (url == NULL || url[0] == '\0') {
+        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        return;
+    }
+    int saveAndRestore = jsonGetInt(params, "saveAndRestore");
+    replyDeviceId(request);
+    if (saveAndRestore != 0)
+        KC_DEBUG("Save configurations before firmware update...(Not Implement Yet!)\n");
+    else
+        KC_DEBUG("No need to save configurations before firmware update...(Not Implement "
+                 "Yet!)\n");
+    fw_update(url);
+    KC_DEBUG("=== END ===\n");
+}
+
+void dxStreamSystemLogsHandler(const cJSON *request)
+{
+    KC_DEBUG("=== START ===\n");
+    const cJSON *params = jsonGetItem(request, "params");
+    const cJSON *deviceId = jsonGetItem(params, "deviceId");
+    int enable = jsonGetInt(params, "enable");
+    if (enable != 0) {
+        setLogStreaming(1);
+        startLogCapture();
+    } else {
+        setLogStreaming(0);
+        stopLogCapture();
+    }
+    /* streaming is switched whatever the parameters say */
+    if (deviceId == NULL) {
+        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        return;
+    }
+    setLogStreamId(streamIdText(request).c_str());
+    KC_DEBUG("=== END ===\n");
+}
+
+void dxSetLoggingModeHandler(const cJSON *request)
+{
+    KC_DEBUG("=== START ===\n");
+    const cJSON *params = requireDeviceParams(request);
+    if (params == NULL)
+        return;
+    const char *mode = jsonGetString(params, "mode");
+    int production = mode != NULL && strcmp(mode, "PRODUCTION") == 0;
+    int debug = mode != NULL && strcmp(mode, "DEBUG") == 0;
+    if (!production && !debug) {
+        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        return;
+    }
+    uci_set("korvatCloud.korvatCloud.syslog_mode", mode);
+    run_system_command(production ? "echo 0 > /proc/sys/kernel/printk"
+                                  : "echo 7 > /proc/sys/kernel/printk");
+    run_system_command("uci commit korvatCloud.korvatCloud.syslog_mode");
+    replyDeviceId(request);
+    cloud_action_apply();
+    KC_DEBUG("=== END ===\n");
+}
+
+void dxGetStatusUpdateFrequencyHandler(const cJSON *request)
+{
+    KC_DEBUG("=== START ===\n");
+    if (requireDeviceParams(request) == NULL)
+        return;
+    cJSON *result = NULL;
+    cJSON *reply = initDeviceResult(request, &result);
+    jsonAddInt(result, "frequency", uci_get_int("korvatCloud.korvatCloud.auto_update"));
+    writeJsonReply(reply);
+    KC_DEBUG("=== END ===\n");
+}
+
+void dxSetStatusUpdateFrequencyHandler(const cJSON *request)
+{
+    KC_DEBUG("=== START ===\n");
+    const cJSON *params = requireDeviceParams(request);
+    if (params == NULL)
+        return;
+    int frequency = jsonGetInt(params, "frequency");
+    if (frequency <= 0) {
+        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        return;
+    }
+    replyDeviceId(request);
+    uci_set_int("korvatCloud.korvatCloud.auto_update", frequency);
+    run_system_command("uci commit korvatCloud.korvatCloud.auto_update");
+    KC_DEBUG("=== END ===\n");
+}
+
+void dxSetCloudServerUrlHandler(const cJSON *request)
+{
+    KC_DEBUG("=== START ===\n");
+    const cJSON *params = requireDeviceParams(request);
+    if (params == NULL)
+        return;
+    const char *url = jsonGetString(params, "url");
+    int port = jsonGetInt(params, "port");
+    if (url == NULL || port < 1 || port > 65535) {
+        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        return;
+    }
+    replyDeviceId(request);
+    uci_set_int("korvatCloud.korvatCloud.port_number", port);
+    /* every commit commits all packages, whatever name it is given */
+    uci_commit("korvatCloud.korvatCloud.auto_update");
+    uci_set("korvatCloud.korvatCloud.server_url", url);
+    uci_commit("korvatCloud.korvatCloud.auto_update");
+    /* the agent restarts itself in the background */
+    run_system_command("/etc/init.d/korvatCloud restart &");
+    KC_DEBUG("=== END ===\n");
+}

@@ -1,0 +1,59 @@
+/* Firmware update and the LAN's DHCP client. */
+#define KC_MODULE "kapri_util.cpp"
+#include "util/firmware.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "util/debug.h"
+#include "util/kapri_util.h"
+
+/* ---- helpers ---- */
+
+/* The characters of a URL that get a backslash on the command line. */
+static const char kFwSpecial[] = "|&;<>$()\\\"'";
+
+char *fw_escape_url(const char *url)
+{
+    if (url == NULL)
+        return NULL;
+    size_t n = strnlen(url, FW_URL_MAX);
+    /* every character may take a backslash */
+    char *escaped = static_cast<char *>(malloc(2 * n + 1));
+    size_t at = 0;
+    for (size_t i = 0; i < n; i++) {
+        if (strchr(kFwSpecial, url[i]) != NULL)
+            escaped[at++] = '\\';
+        escaped[at++] = url[i];
+    }
+    escaped[at] = '\0';
+    return escaped;
+}
+
+/* ---- firmware and DHCP ---- */
+
+void fw_update(const char *url)
+{
+    if (url == NULL || url[0] == '\0') {
+        printf("\nfirmware URL error!\n");
+        return;
+    }
+    char *escaped = fw_escape_url(url);
+    char cmd[2 * FW_URL_MAX + 64];
+    snprintf(cmd, sizeof cmd, "/bin/cli.sh fwupgrade %s ", escaped);
+    free(escaped);
+    KC_DEBUG("=== Download firmware and update, cmd = \"%s\" ===\n", cmd);
+    run_system_command(cmd);
+}
+
+void assert_udhcpc_start(void)
+{
+    char *proto = uci_get("network.lan.proto");
+    int dhcp = proto != NULL && strcmp(proto, "dhcp") == 0;
+    free_shell_output(proto);
+    if (dhcp && is_process_running("udhcpc") == 0) {
+        KC_DEBUG("execute system cmd [udhcpc -i br-lan -R]\n");
+        run_system_command("udhcpc -i br-lan -R");
+    }
+}

@@ -1,0 +1,445 @@
+"""Device maintenance from the server: reset (reply, queue backup, event,
+reboot, flash copy, and the next boot sending what was waiting), firmware
+update with its own escaping, log streaming on and off, logging mode,
+status-update frequency and the cloud server address, with the exact reply
+bytes, the device commands in their order and the UCI values."""
+import datetime
+import json
+import os
+import re
+import time
+
+import pytest
+
+from conftest import MAC
+
+INVALID = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
+           '"message":"Invalid method parameter","data":""}}')
+SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
+CET = {"TZ": "CET-1"}
+
+# sntool stalls while /tmp/slow exists: the main thread stays in that one
+# request while others queue up behind it
+SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.1; done\necho TAG-1\n'
+# records when it ran (host clock), then does what the device tool does
+STAMP = "python3 -c 'import time; print(time.time())' > /tmp/%s\n"
+
+
+def request_text(method, params, id_):
+    return json.dumps({"jsonrpc": "2.0", "id": id_, "method": method, "params": params},
+                      separators=(",", ":"))
+
+
+def about(id_):
+    return request_text("dxGetAbout", {"deviceId": MAC}, id_)
+
+
+def settings(device, **options):
+    for key, value in options.items():
+        device.uci_ok("set", "korvatCloud.korvatCloud.%s=%s" % (key, value))
+    device.uci_ok("commit", "korvatCloud")
+
+
+def wait_for(condition, timeout=10.0, interval=0.05):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if condition():
+            return True
+        time.sleep(interval)
+    return condition()
+
+
+def stamp(device, name, timeout=10.0):
+    """The host time a STAMP script wrote into /tmp/name."""
+    assert wait_for(lambda: (device.read_file("/tmp/" + name) or "").strip(), timeout)
+    return float(device.read_file("/tmp/" + name))
+
+
+def after(journal, first):
+    """The journal lines after the first line equal to `first`."""
+    return journal[journal.index(first) + 1:]
+
+
+def flash(device):
+    return {name: open(os.path.join(device.run, "flash", name)).read()
+            for name in sorted(os.listdir(os.path.join(device.run, "flash")))}
+
+
+def settle(device):
+    """Waits for the agent's start-up commands (the timer's and the status
+    thread's first reads) so that they stay out of a test's journal."""
+    assert device.wait_journal("uci get korvatCloud.korvatCloud.beta_mode", 20)
+    assert device.wait_journal(
+        "uci get korvatCloud.korvatCloud.auto_update", 20)
+    time.sleep(0.3)
+
+
+def lines(device, *prefixes):
+    """The journal lines that start with one of prefixes, in order."""
+    return [line for line in device.journal() if line.startswith(prefixes)]
+
+
+def next_reply(server, timeout=10):
+    """The next message that is not a status update."""
+    deadline = time.monotonic() + timeout
+    while True:
+        message = server.next_message(max(0.1, deadline - time.monotonic()))
+        if message.method != "dsLogStatusUpdates":
+            return message
+
+
+def no_messages(server):
+    return [m for m in server.messages if m.method != "dsLogStatusUpdates"] == []
+
+
+@pytest.fixture
+def ready(device, connected):
+    settle(device)
+    device.clear_journal()
+    return connected
+
+
+def wait_received(agent, id_, timeout=20):
+    """Waits until the agent has put the request with this id into its
+    receive queue (its frame dump, then the queue's debug line)."""
+    i = agent.out.wait_for(re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % re.escape(id_)),
+                           timeout)
+    agent.out.wait_for(re.compile(r"queueWriter\]\[LINE 573\]: produceObject: end$"),
+                       timeout, start=i)
+
+
+def new_connection(server, count, timeout=30):
+    """The first connection made after `count` connections existed."""
+    assert wait_for(lambda: server.connection_count > count, timeout), "no new connection"
+    return server.connections[count]
+
+
+# ---- dxResetDevice ----------------------------------------------------------
+
+def test_reset_replies_then_leaves_an_event_reboots_and_copies_the_backups(device, server,
+                                                                          start_agent):
+    agent = start_agent(server.url, env=CET)
+    server.wait_for_connection(15)
+    settle(device)
+    device.clear_journal()
+    server.send_text(request_text("dxResetDevice", {"deviceId": "x"}, "reset"))
+    reply = next_reply(server)
+    assert reply.raw == SUCCESS % ("reset", MAC)
+    event = server.next_message(10, method="dsEventNotifications")
+    assert event.time >= reply.time
+    when = event.data["params"]["events"][0]["dateTime"]
+    assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\+01:00", when), when
+    assert event.raw == (
+        '{"jsonrpc":"2.0","method":"dsEventNotifications","params":{"deviceId":"%s",'
+        '"version":0,"events":[{"number":2,"dateTime":"%s","type":"INFO",'
+        '"event":"Reboot"}]}}' % (MAC, when))
+    assert device.wait_journal("kapri_util.lua backup_cloud_files", 10)
+    # "sleep 2; reboot": two seconds at least between the event line (whole
+    # seconds) and the reboot; the event went out meanwhile
+    evt_at = datetime.datetime.strptime(when.replace("+01:00", "+0100"),
+                                        "%Y-%m-%dT%H:%M:%S%z").timestamp()
+    assert device.reboot_requested_at() - evt_at >= 1.95
+    assert lines(device, "kapri_util.lua", "reboot") == [
+        "kapri_util.lua add_a_notification 2 INFO Reboot", "reboot",
+        "kapri_util.lua backup_cloud_files"]
+    # the device goes down a moment later
+    assert device.wait_rebooted(15)
+    assert not agent.alive()
+    agent.out.wait_for("Backup queue commands to file...")
+
+
+def test_reset_takes_the_waiting_requests_across_the_reboot(device, server, start_agent):
+    settings(device, conn_retry=1)
+    device.set_script("sntool", SLOW_WHILE)
+    first_agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    settle(device)
+    device.write_file("/tmp/slow", "")
+    server.send_text(about("busy"))
+    assert device.wait_journal("sntool")
+    # the reset and two more requests wait behind the busy one
+    server.send_text(request_text("dxResetDevice", {"deviceId": MAC}, "reset"))
+    server.send_text(about("a1"))
+    server.send_text(about("a2"))
+    wait_received(first_agent, "a2")
+    device.remove_file("/tmp/slow")
+    got = [next_reply(server), next_reply(server)]
+    assert got[0].data["id"] == "busy" and "result" in got[0].data
+    assert got[1].raw == SUCCESS % ("reset", MAC)
+    # the old connection's attempts to come back are refused from here on
+    assert device.wait_journal("reboot", 10)
+    server.pause()
+    assert device.wait_rebooted(20)
+    # the receive queue held both requests when the reset saved it
+    copies = flash(device)
+    assert copies["cloud_recv_cmd.backup"] == "2\n%s\n%s\n" % (about("a1"), about("a2"))
+    assert set(copies) <= {"cloud_recv_cmd.backup", "cloud_sent_cmd.backup",
+                           "cloud_sent_status_cmd.backup", "cloud_sent_event_cmd.backup"}
+    if "cloud_sent_cmd.backup" in copies:
+        # the reset's own reply, when it had not left the queue yet
+        assert copies["cloud_sent_cmd.backup"] == "1\n%s\n" % (SUCCESS % ("reset", MAC))
+
+    # the next boot: the flash copies come back and both requests run
+    server.clear_messages()
+    server.resume()
+    count = server.connection_count
+    device.clear_output("sntool")
+    device.clear_journal()
+    agent = start_agent(server.url)
+    second = new_connection(server, count)
+    assert second is not first
+    replies = {}
+    while len(replies) < 2:
+        message = next_reply(server, 20)
+        if message.data.get("id") in ("a1", "a2"):
+            assert message.conn is second
+            replies[message.data["id"]] = message
+    assert all("result" in m.data for m in replies.values())
+    assert lines(device, "mount", "umount", "sntool") == [
+        "mount -t jffs2 /dev/mtdblock2 /mnt/_sys1", "umount /mnt/_sys1", "sntool", "sntool"]
+    assert flash(device) == {}
+    assert not device.exists("/etc/cloud_recv_cmd.backup")
+    # the boot emptied /tmp: the reboot's event is not sent again
+    assert not device.exists("/tmp/cEvtLog")
+    time.sleep(1.5)
+    assert not any(m.method == "dsEventNotifications" for m in server.messages)
+    assert agent.alive()
+
+
+def test_reset_without_device_id_does_nothing(device, ready):
+    agent, server = ready
+    reply = server.request("dxResetDevice", {"deviceID2": MAC}, id="nr")
+    assert reply.raw == INVALID % "nr"
+    time.sleep(2.5)
+    assert lines(device, "reboot", "kapri_util.lua") == []
+    assert not device.reboot_pending()
+    assert agent.alive()
+
+
+# ---- dxUpdateFirmware -------------------------------------------------------
+
+def test_firmware_url_reaches_the_tool_with_its_semicolon_escaped(device, ready):
+    agent, server = ready
+    device.set_script("cli.sh", STAMP % "fw_at")
+    reply = server.request("dxUpdateFirmware",
+                           {"deviceId": MAC, "url": "a;reboot", "saveAndRestore": True}, id="fw")
+    received = time.time()
+    assert reply.raw == SUCCESS % ("fw", MAC)
+    assert stamp(device, "fw_at") >= received - 0.05, "the tool ran before the reply left"
+    cmd = agent.out.wait_for(re.compile(
+        r"\]: === Download firmware and update, cmd = \"/bin/cli\.sh fwupgrade a\\;reboot \" ===$"))
+    save = agent.out.wait_for(re.compile(
+        r"\]: Save configurations before firmware update\.\.\.\(Not Implement Yet!\)$"))
+    assert save < cmd
+    # one argument with the semicolon in it; nothing else ran
+    assert lines(device, "cli.sh", "reboot") == ["cli.sh fwupgrade a;reboot"]
+    assert not device.reboot_pending()
+    assert agent.alive()
+
+
+def test_firmware_without_save_says_so(device, ready):
+    agent, server = ready
+    url = "http://fw.example/VK310 (v2).bin"
+    reply = server.request("dxUpdateFirmware",
+                           {"deviceId": MAC, "url": url, "saveAndRestore": 0}, id="fw2")
+    assert reply.raw == SUCCESS % ("fw2", MAC)
+    agent.out.wait_for(re.compile(
+        r"\]: No need to save configurations before firmware update\.\.\.\(Not Implement Yet!\)$"))
+    # the parentheses reach the tool escaped, as text; the blank splits it
+    assert device.wait_journal("cli.sh fwupgrade http://fw.example/VK310 (v2).bin")
+    agent.out.wait_for(re.compile(
+        r'cmd = "/bin/cli\.sh fwupgrade http://fw\.example/VK310 \\\(v2\\\)\.bin " ===$'))
+
+
+def test_firmware_without_a_url_is_refused(device, ready):
+    agent, server = ready
+    for id_, params in (("f1", {"deviceId": MAC}), ("f2", {"deviceId": MAC, "url": ""}),
+                        ("f3", {"deviceId": MAC, "url": 3}), ("f4", {"url": "http://x/fw"})):
+        assert server.request("dxUpdateFirmware", params, id=id_).raw == INVALID % id_
+    time.sleep(0.3)
+    assert lines(device, "cli.sh") == []
+
+
+# ---- dxStreamSystemLogs -----------------------------------------------------
+
+def stream(server, enable, id_="abc", device_id=True):
+    params = {"enable": enable}
+    if device_id:
+        params["deviceId"] = MAC
+    server.send_text(request_text("dxStreamSystemLogs", params, id_))
+
+
+def test_streaming_on_starts_a_capture_and_later_lines_carry_the_id(device, ready):
+    agent, server = ready
+    device.write_file("/tmp/cloud_log_file", "an old capture\n")
+    stream(server, True, "abc")
+    assert device.wait_journal("logread -f")
+    assert lines(device, "killall", "logread", "rm") == ["killall logread", "logread -f"]
+    capture = lambda: device.read_file("/tmp/cloud_log_file")  # noqa: E731
+    assert wait_for(lambda: capture() is not None and "an old capture" not in capture())
+    device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: first")
+    result = next_reply(server, 15)
+    assert result.data["id"] == "abc" and result.data["stream"] is True
+    assert [log["message"] for log in result.data["result"]["logs"]] == ["first "]
+    # no reply of its own: the first message was the streamed result
+    assert no_messages(server)
+
+
+def test_streaming_off_stops_the_capture(device, ready):
+    agent, server = ready
+    stream(server, True, "on")
+    assert device.wait_journal("logread -f")
+    device.clear_journal()
+    stream(server, False, "off")
+    assert device.wait_journal("killall logread")
+    assert wait_for(lambda: not device.exists("/tmp/cloud_log_file"))
+    assert lines(device, "killall", "logread", "rm") == ["killall logread"]
+    assert not any("/simdevice/bin/logread" in " ".join(p["cmdline"])
+                   for p in device.processes())
+    device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: after the end")
+    time.sleep(6)  # one streaming period and more
+    assert no_messages(server)
+
+
+def test_streaming_is_switched_before_the_device_id_is_refused(device, ready):
+    agent, server = ready
+    stream(server, True, "nd", device_id=False)
+    reply = next_reply(server)
+    assert reply.raw == INVALID % "nd"
+    assert device.wait_journal("logread -f")
+    assert device.exists("/tmp/cloud_log_file")
+    # no stored id: nothing is streamed
+    device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: unsent")
+    time.sleep(6)
+    assert no_messages(server)
+
+
+def test_a_numeric_request_id_is_refused_before_streaming(device, ready):
+    agent, server = ready
+    server.send_text('{"jsonrpc":"2.0","id":7,"method":"dxStreamSystemLogs",'
+                     '"params":{"deviceId":"%s","enable":true}}' % MAC)
+    reply = next_reply(server)
+    assert reply.raw == ('{"jsonrpc":"2.0","id":null,"error":{"code":-32600,'
+                         '"message":"The JSON sent is not a valid Request object","data":""}}')
+    time.sleep(0.5)
+    assert lines(device, "killall", "logread") == []
+    assert not device.exists("/tmp/cloud_log_file")
+
+
+# ---- dxSetLoggingMode -------------------------------------------------------
+
+def test_production_mode_sets_printk_commits_and_applies_after_the_reply(device, ready):
+    agent, server = ready
+    settings(device, syslog_mode="DEBUG")
+    device.set_script("kapri_util.lua", STAMP % "apply_at" + "uci commit\n", "cloud_action_apply")
+    reply = server.request("dxSetLoggingMode", {"deviceId": MAC, "mode": "PRODUCTION"}, id="lm")
+    received = time.time()
+    assert reply.raw == SUCCESS % ("lm", MAC)
+    assert stamp(device, "apply_at") >= received - 0.05, "applied before the reply left"
+    assert lines(device, "uci set", "uci commit", "kapri_util.lua") == [
+        "uci set korvatCloud.korvatCloud.syslog_mode=PRODUCTION",
+        "uci commit korvatCloud.korvatCloud.syslog_mode",
+        "kapri_util.lua cloud_action_apply"]
+    assert device.read_file("/proc/sys/kernel/printk") == "0\n"
+    assert device.uci_committed("korvatCloud.korvatCloud.syslog_mode") == "PRODUCTION"
+
+
+def test_debug_mode_sets_printk_seven(device, ready):
+    agent, server = ready
+    reply = server.request("dxSetLoggingMode", {"deviceId": MAC, "mode": "DEBUG"}, id="ld")
+    assert reply.raw == SUCCESS % ("ld", MAC)
+    assert device.wait_journal("kapri_util.lua cloud_action_apply")
+    assert device.read_file("/proc/sys/kernel/printk") == "7\n"
+    settings_text = device.uci_committed("korvatCloud.korvatCloud.syslog_mode")
+    assert settings_text == "DEBUG"
+
+
+def test_other_modes_are_refused_and_nothing_changes(device, ready):
+    agent, server = ready
+    for id_, mode in (("m1", "production"), ("m2", "Debug"), ("m3", "")):
+        reply = server.request("dxSetLoggingMode", {"deviceId": MAC, "mode": mode}, id=id_)
+        assert reply.raw == INVALID % id_
+    assert server.request("dxSetLoggingMode", {"deviceId": MAC}, id="m4").raw == INVALID % "m4"
+    time.sleep(0.3)
+    assert lines(device, "uci set", "uci commit", "kapri_util.lua") == []
+    assert device.read_file("/proc/sys/kernel/printk") == "4\t4\t1\t7\n"
+    assert device.uci_committed("korvatCloud.korvatCloud.syslog_mode") == "PRODUCTION"
+
+
+# ---- status-update frequency ------------------------------------------------
+
+def test_get_frequency_reads_uci(device, ready):
+    agent, server = ready
+    reply = server.request("dxGetStatusUpdateFrequency", {"deviceId": MAC}, id="g1")
+    assert reply.raw == ('{"jsonrpc":"2.0","id":"g1","result":{"deviceId":"%s",'
+                         '"frequency":60}}' % MAC)
+    device.uci_ok("delete", "korvatCloud.korvatCloud.auto_update")
+    device.uci_ok("commit", "korvatCloud")
+    reply = server.request("dxGetStatusUpdateFrequency", {"deviceId": MAC}, id="g2")
+    assert reply.raw == ('{"jsonrpc":"2.0","id":"g2","result":{"deviceId":"%s",'
+                         '"frequency":-1}}' % MAC)
+    assert server.request("dxGetStatusUpdateFrequency", {}, id="g3").raw == INVALID % "g3"
+
+
+def test_set_frequency_replies_then_writes_and_commits(device, ready):
+    agent, server = ready
+    reply = server.request("dxSetStatusUpdateFrequency", {"deviceId": MAC, "frequency": 300},
+                           id="s1")
+    assert reply.raw == SUCCESS % ("s1", MAC)
+    assert device.wait_journal("uci commit korvatCloud.korvatCloud.auto_update")
+    assert lines(device, "uci set", "uci commit") == [
+        "uci set korvatCloud.korvatCloud.auto_update=300",
+        "uci commit korvatCloud.korvatCloud.auto_update"]
+    assert device.uci_committed("korvatCloud.korvatCloud.auto_update") == "300"
+    reply = server.request("dxGetStatusUpdateFrequency", {"deviceId": MAC}, id="s2")
+    assert reply.data["result"]["frequency"] == 300
+
+
+def test_frequency_zero_or_a_string_is_refused(device, ready):
+    agent, server = ready
+    for id_, value in (("z1", 0), ("z2", "30"), ("z3", -60)):
+        reply = server.request("dxSetStatusUpdateFrequency",
+                               {"deviceId": MAC, "frequency": value}, id=id_)
+        assert reply.raw == INVALID % id_
+    reply = server.request("dxSetStatusUpdateFrequency", {"deviceId": MAC}, id="z4")
+    assert reply.raw == INVALID % "z4"
+    time.sleep(0.3)
+    assert lines(device, "uci set", "uci commit") == []
+    assert device.uci_committed("korvatCloud.korvatCloud.auto_update") == "60"
+
+
+# ---- dxSetCloudServerUrl ----------------------------------------------------
+
+def test_server_url_with_port_65535_is_written_and_the_agent_restarts(device, ready):
+    agent, server = ready
+    device.set_script("korvatCloud", STAMP % "restart_at", "restart")
+    url = 'wss://cloud.example/a"b$(touch /tmp/pwned)'
+    reply = server.request("dxSetCloudServerUrl", {"deviceId": MAC, "url": url, "port": 65535},
+                           id="u1")
+    received = time.time()
+    assert reply.raw == SUCCESS % ("u1", MAC)
+    assert stamp(device, "restart_at") >= received - 0.05, "restarted before the reply left"
+    assert lines(device, "uci set", "uci commit", "korvatCloud") == [
+        "uci set korvatCloud.korvatCloud.port_number=65535",
+        "uci commit",
+        "uci set korvatCloud.korvatCloud.server_url=" + url,
+        "uci commit",
+        "korvatCloud restart"]
+    assert device.uci_committed("korvatCloud.korvatCloud.port_number") == "65535"
+    assert device.uci_committed("korvatCloud.korvatCloud.server_url") == url
+    assert not device.exists("/tmp/pwned")
+
+
+def test_server_port_0_or_65536_is_refused(device, ready):
+    agent, server = ready
+    for id_, params in (("p0", {"deviceId": MAC, "url": "ws://a", "port": 0}),
+                        ("p1", {"deviceId": MAC, "url": "ws://a", "port": 65536}),
+                        ("p2", {"deviceId": MAC, "url": "ws://a"}),
+                        ("p3", {"deviceId": MAC, "port": 8080}),
+                        ("p4", {"url": "ws://a", "port": 8080})):
+        reply = server.request("dxSetCloudServerUrl", params, id=id_)
+        assert reply.raw == INVALID % id_
+    time.sleep(0.3)
+    assert lines(device, "uci set", "uci commit", "korvatCloud") == []
+    assert device.uci_committed("korvatCloud.korvatCloud.port_number") == "8080"
+    assert device.uci_committed("korvatCloud.korvatCloud.server_url") == "ws://127.0.0.1"
