@@ -49,7 +49,7 @@ seconds=${KC_FUZZ_SECONDS:-30}
 runs=${KC_FUZZ_RUNS:-10000000}
 long_seconds=${KC_FUZZ_LONG_SECONDS:-1200}
 build=${KC_FUZZ_BUILD:-$top/build-fuzz}
-targets=${KC_FUZZ_TARGETS:-fuzz_frame_reader fuzz_server_handshake fuzz_url fuzz_dispatcher fuzz_colour fuzz_facts fuzz_shell_output fuzz_event_line fuzz_log_line fuzz_restore}
+targets=${KC_FUZZ_TARGETS:-fuzz_frame_reader fuzz_server_handshake fuzz_url fuzz_dispatcher fuzz_colour fuzz_facts fuzz_shell_output fuzz_event_line fuzz_log_line fuzz_restore fuzz_script_answer fuzz_wlan_lists}
 
 cmake -S "$top" -B "$build" -G Ninja -DKC_FUZZ=ON -DKC_TESTS=OFF \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo \
