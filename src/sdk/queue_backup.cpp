@@ -25,18 +25,19 @@ struct BackupFile {
 };
 } // namespace
 
-/* Runs under the queue's index lock (snapshotQueue). */
-static void writeSnapshot(void *context, int count, const cJSON *const *items)
+/* Runs under the queue's index lock (snapshotQueue); 1 when the items were
+ * written. */
+static int writeSnapshot(void *context, int count, const cJSON *const *items)
 {
     const char *file = static_cast<BackupFile *>(context)->file;
     if (count == 0) {
         printf("Func %s: Queue is emtpy\n", "backup_queue");
-        return;
+        return 0;
     }
     FILE *out = fopen(file, "w+t");
     if (out == NULL) {
         printf("Func %s: Fail To Open File %s!\n", file, "backup_queue");
-        return;
+        return 0;
     }
     fprintf(out, "%d\n", count);
     for (int i = 0; i < count; i++) {
@@ -46,28 +47,41 @@ static void writeSnapshot(void *context, int count, const cJSON *const *items)
         fprintf(out, "%s\n", text);
         jsonFreeText(text);
     }
-    fclose(out);
+    return fclose(out) == 0;
 }
 
-void backup_queue(JsonQueue *queue, const char *file)
+static void backupQueue(JsonQueue *queue, const char *file, int handOver)
 {
     if (queue == NULL || file == NULL) {
         printf("Func %s: Queue or backup filename is NULL!\n", "backup_queue");
         return;
     }
     BackupFile context = {file};
-    snapshotQueue(queue, writeSnapshot, &context);
+    if (handOver)
+        snapshotQueueHandOver(queue, writeSnapshot, &context);
+    else
+        snapshotQueue(queue, writeSnapshot, &context);
 }
 
-void backup_all_queues(void)
+void backup_queue(JsonQueue *queue, const char *file)
+{
+    backupQueue(queue, file, 0);
+}
+
+static void backupAllQueues(int handOver)
 {
     printf("Backup queue commands to file...\n");
     if (!nimbQueuesReady())
         return;
-    backup_queue(&g_recvQueue, "/etc/cloud_recv_cmd.backup");
-    backup_queue(&g_sendQueues[SEND_QUEUE_REPLY], "/etc/cloud_sent_cmd.backup");
-    backup_queue(&g_sendQueues[SEND_QUEUE_STATUS], "/etc/cloud_sent_status_cmd.backup");
-    backup_queue(&g_sendQueues[SEND_QUEUE_EVENT], "/etc/cloud_sent_event_cmd.backup");
+    backupQueue(&g_recvQueue, "/etc/cloud_recv_cmd.backup", handOver);
+    backupQueue(&g_sendQueues[SEND_QUEUE_REPLY], "/etc/cloud_sent_cmd.backup", handOver);
+    backupQueue(&g_sendQueues[SEND_QUEUE_STATUS], "/etc/cloud_sent_status_cmd.backup", handOver);
+    backupQueue(&g_sendQueues[SEND_QUEUE_EVENT], "/etc/cloud_sent_event_cmd.backup", handOver);
+}
+
+void backup_all_queues(void)
+{
+    backupAllQueues(0);
 }
 
 /* ---- restore ---- */
@@ -143,9 +157,22 @@ void restore_all_queues(void)
 
 /* ---- reboot ---- */
 
+/* How long the reboot waits for replies already queued to leave (the
+ * reset's own among them) before it saves the queues. */
+static const int kReplyDrainPolls = 300;
+static const useconds_t kReplyDrainPollUs = 10000;
+
 void reboot_with_backup(void)
 {
-    backup_all_queues();
+    /* Everything saved here is sent or run at the next start, exactly once:
+     * the saved trees are dropped from this run's queues (hand-over), while
+     * what is queued afterwards (the reboot's own event) still goes out. */
+    if (nimbQueuesReady()) {
+        JsonQueue *replies = &g_sendQueues[SEND_QUEUE_REPLY];
+        for (int i = 0; i < kReplyDrainPolls && freeSlotCount(replies) < QUEUE_CAPACITY; i++)
+            usleep(kReplyDrainPollUs);
+    }
+    backupAllQueues(1);
     char cmd[256];
     snprintf(cmd, sizeof cmd, "%s add_a_notification %d INFO Reboot", KAPRI_UTIL_SCRIPT, 2);
     run_system_command(cmd);

@@ -16,6 +16,7 @@ void initQueue(JsonQueue *q, int capacity)
     q->producerIndex = 0;
     q->consumerIndex = 0;
     q->onRefused = NULL;
+    q->handedOver = 0;
     initSemaphore(&q->freeSlots, QUEUE_CAPACITY);
     initSemaphore(&q->filledSlots, 0);
     initMutex(&q->indexLock);
@@ -59,13 +60,23 @@ int produceObject(JsonQueue *q, cJSON *tree, int mode)
 
 void consumeObject(JsonQueue *q, cJSON **tree)
 {
-    waitSemaphore(&q->filledSlots);
-    lockMutex(&q->indexLock);
-    int slot = q->consumerIndex;
-    q->consumerIndex = (slot + 1) % QUEUE_CAPACITY;
-    unlockMutex(&q->indexLock);
-    *tree = q->queue[slot];
-    postSemaphore(&q->freeSlots);
+    for (;;) {
+        waitSemaphore(&q->filledSlots);
+        lockMutex(&q->indexLock);
+        int slot = q->consumerIndex;
+        q->consumerIndex = (slot + 1) % QUEUE_CAPACITY;
+        int handedOver = q->handedOver > 0;
+        if (handedOver)
+            q->handedOver--;
+        unlockMutex(&q->indexLock);
+        *tree = q->queue[slot];
+        postSemaphore(&q->freeSlots);
+        if (!handedOver)
+            return;
+        /* saved for the next start, which takes it then */
+        jsonDelete(*tree);
+        *tree = NULL;
+    }
 }
 
 int freeSlotCount(JsonQueue *q)
@@ -73,7 +84,7 @@ int freeSlotCount(JsonQueue *q)
     return getSemaphoreValue(&q->freeSlots);
 }
 
-void snapshotQueue(JsonQueue *q, QueueSnapshotVisit visit, void *context)
+static void snapshot(JsonQueue *q, QueueSnapshotVisit visit, void *context, int handOver)
 {
     const cJSON *items[QUEUE_CAPACITY];
     lockMutex(&q->indexLock);
@@ -81,6 +92,19 @@ void snapshotQueue(JsonQueue *q, QueueSnapshotVisit visit, void *context)
     int n = 0;
     for (int i = q->consumerIndex; i < q->producerIndex; i++)
         items[n++] = q->queue[i];
-    visit(context, count, n > 0 ? items : NULL);
+    int saved = visit(context, count, n > 0 ? items : NULL);
+    /* only what the visit saved is dropped */
+    if (handOver && saved && count > 0)
+        q->handedOver = n;
     unlockMutex(&q->indexLock);
+}
+
+void snapshotQueue(JsonQueue *q, QueueSnapshotVisit visit, void *context)
+{
+    snapshot(q, visit, context, 0);
+}
+
+void snapshotQueueHandOver(JsonQueue *q, QueueSnapshotVisit visit, void *context)
+{
+    snapshot(q, visit, context, 1);
 }

@@ -31,6 +31,9 @@ struct JsonQueue {
     int producerIndex;
     int consumerIndex;
     QueueRefusal onRefused;
+    /* Trees at the head of the ring that a hand-over snapshot saved for
+     * the next start: consumers drop them instead of taking them. */
+    int handedOver;
 };
 
 /* Ring of capacity slots, empty, without a refusal hook. */
@@ -40,6 +43,8 @@ void setQueueRefusal(JsonQueue *q, QueueRefusal onRefused);
 /* 1 when queued; 0 when a non-blocking produce found the queue full (the
  * tree then goes to the refusal hook). */
 int produceObject(JsonQueue *q, cJSON *tree, int mode);
+/* Waits for the oldest tree and hands it over; trees handed over to the
+ * next start are deleted on the way (snapshotQueueHandOver). */
 void consumeObject(JsonQueue *q, cJSON **tree);
 int freeSlotCount(JsonQueue *q);
 
@@ -49,11 +54,21 @@ int freeSlotCount(JsonQueue *q);
  * wrapped, 0 when empty or full), and items are the trees from the consumer
  * index up to the producer index, oldest first (none unless count > 0).
  * visit runs with the lock held, so no consumer can take and delete those
- * trees meanwhile; it must not keep the pointers.
+ * trees meanwhile; it must not keep the pointers.  It returns 1 when it
+ * saved the items, else 0.
  */
-typedef void (*QueueSnapshotVisit)(void *context, int count,
-                                   const cJSON *const *items);
+typedef int (*QueueSnapshotVisit)(void *context, int count,
+                                  const cJSON *const *items);
 void snapshotQueue(JsonQueue *q, QueueSnapshotVisit visit, void *context);
+
+/*
+ * The same snapshot, taken to hand the queued trees over to the next start
+ * (the device is about to reboot): when the visit saved them, the trees
+ * visited stay queued but are dropped by consumeObject when they come up, so that none is both taken
+ * in this run and saved for the next.  Trees queued afterwards are taken
+ * as usual.
+ */
+void snapshotQueueHandOver(JsonQueue *q, QueueSnapshotVisit visit, void *context);
 
 struct ConnectionLock {
     pthread_mutex_t readerEntry;

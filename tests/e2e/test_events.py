@@ -184,6 +184,8 @@ def test_streamed_log_lines_go_out_byte_for_byte(device, ready):
     agent.out.wait_for(re.compile(
         r"\[FUNC nimb_client\.cpp::sendStreamSysLog\]\[LINE 4425\]: No matched month!!$"))
     # one date per line sent, the time as one word; then the capture restarts
+    # (the new follower's journal line comes once it has started)
+    assert device.wait_journal("logread -f", timeout=20)
     journal = [line for line in device.journal()
                if line.startswith(("date -d", "killall", "logread"))]
     assert journal == ["date -d 11.15-23:12:24 +%Y-%m-%dT%H:%M:%S%z",

@@ -22,7 +22,21 @@ CET = {"TZ": "CET-1"}
 # request while others queue up behind it
 SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.1; done\necho TAG-1\n'
 # records when it ran (host clock), then does what the device tool does
-STAMP = "python3 -c 'import time; print(time.time())' > /tmp/%s\n"
+# A device tool that announces itself on the agent's own output (a tool run
+# with system() writes to the agent's standard output).
+ANNOUNCE = "echo 'device tool ran: %s'\n"
+
+
+def queued_before_the_tool(agent, name, request_id):
+    """True when the handler handed its reply to the reply writer (its
+    "produceObject: end" line, after the request arrived) before the device
+    tool announced itself: the order the handler's thread printed them in,
+    whatever the sending thread's speed."""
+    arrived = agent.out.wait_for(re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % request_id), 20)
+    tool = agent.out.wait_for(re.compile(r"^device tool ran: %s$" % name), 20, start=arrived)
+    queued = agent.out.wait_for(re.compile(r"\[LINE 682\]: produceObject: end$"), 20,
+                                start=arrived)
+    return queued < tool
 
 
 def request_text(method, params, id_):
@@ -47,12 +61,6 @@ def wait_for(condition, timeout=10.0, interval=0.05):
             return True
         time.sleep(interval)
     return condition()
-
-
-def stamp(device, name, timeout=10.0):
-    """The host time a STAMP script wrote into /tmp/name."""
-    assert wait_for(lambda: (device.read_file("/tmp/" + name) or "").strip(), timeout)
-    return float(device.read_file("/tmp/" + name))
 
 
 def after(journal, first):
@@ -176,10 +184,13 @@ def test_reset_takes_the_waiting_requests_across_the_reboot(device, server, star
     assert set(copies) <= {"cloud_recv_cmd.backup", "cloud_sent_cmd.backup",
                            "cloud_sent_status_cmd.backup", "cloud_sent_event_cmd.backup"}
     if "cloud_sent_cmd.backup" in copies:
-        # the reset's own reply, when it had not left the queue yet
-        assert copies["cloud_sent_cmd.backup"] == "1\n%s\n" % (SUCCESS % ("reset", MAC))
+        # replies that had not left the queue yet go out after the boot
+        saved = copies["cloud_sent_cmd.backup"].splitlines()
+        assert saved[0] == str(len(saved) - 1)
+        assert all(json.loads(line)["id"] in ("busy", "reset") for line in saved[1:])
 
     # the next boot: the flash copies come back and both requests run
+    seen = got + server.messages
     server.clear_messages()
     server.resume()
     count = server.connection_count
@@ -204,6 +215,11 @@ def test_reset_takes_the_waiting_requests_across_the_reboot(device, server, star
     time.sleep(1.5)
     assert not any(m.method == "dsEventNotifications" for m in server.messages)
     assert agent.alive()
+    # each request ran once and each reply arrived once, over both runs
+    seen += list(replies.values()) + server.messages
+    ids = [m.data.get("id") for m in seen if m.method is None]
+    assert sorted(ids) == ["a1", "a2", "busy", "reset"], ids
+    assert device.journal().count("sntool") == 2
 
 
 def test_reset_without_device_id_does_nothing(device, ready):
@@ -220,12 +236,11 @@ def test_reset_without_device_id_does_nothing(device, ready):
 
 def test_firmware_url_reaches_the_tool_with_its_semicolon_escaped(device, ready):
     agent, server = ready
-    device.set_script("cli.sh", STAMP % "fw_at")
+    device.set_script("cli.sh", ANNOUNCE % "fw")
     reply = server.request("dxUpdateFirmware",
                            {"deviceId": MAC, "url": "a;reboot", "saveAndRestore": True}, id="fw")
-    received = time.time()
     assert reply.raw == SUCCESS % ("fw", MAC)
-    assert stamp(device, "fw_at") >= received - 0.05, "the tool ran before the reply left"
+    assert queued_before_the_tool(agent, "fw", "fw"), "the tool ran before the reply was queued"
     cmd = agent.out.wait_for(re.compile(
         r"\]: === Download firmware and update, cmd = \"/bin/cli\.sh fwupgrade a\\;reboot \" ===$"))
     save = agent.out.wait_for(re.compile(
@@ -331,15 +346,15 @@ def test_a_numeric_request_id_is_refused_before_streaming(device, ready):
 def test_production_mode_sets_printk_commits_and_applies_after_the_reply(device, ready):
     agent, server = ready
     settings(device, syslog_mode="DEBUG")
-    device.set_script("kapri_util.lua", STAMP % "apply_at" + "uci commit\n", "cloud_action_apply")
+    device.set_script("kapri_util.lua", ANNOUNCE % "apply" + "uci commit\n", "cloud_action_apply")
     reply = server.request("dxSetLoggingMode", {"deviceId": MAC, "mode": "PRODUCTION"}, id="lm")
-    received = time.time()
     assert reply.raw == SUCCESS % ("lm", MAC)
-    assert stamp(device, "apply_at") >= received - 0.05, "applied before the reply left"
+    assert queued_before_the_tool(agent, "apply", "lm"), "applied before the reply was queued"
+    assert device.wait_journal("uci commit")  # the apply step's own commit
     assert lines(device, "uci set", "uci commit", "kapri_util.lua") == [
         "uci set korvatCloud.korvatCloud.syslog_mode=PRODUCTION",
         "uci commit korvatCloud.korvatCloud.syslog_mode",
-        "kapri_util.lua cloud_action_apply"]
+        "kapri_util.lua cloud_action_apply", "uci commit"]
     assert device.read_file("/proc/sys/kernel/printk") == "0\n"
     assert device.uci_committed("korvatCloud.korvatCloud.syslog_mode") == "PRODUCTION"
 
@@ -412,13 +427,12 @@ def test_frequency_zero_or_a_string_is_refused(device, ready):
 
 def test_server_url_with_port_65535_is_written_and_the_agent_restarts(device, ready):
     agent, server = ready
-    device.set_script("korvatCloud", STAMP % "restart_at", "restart")
+    device.set_script("korvatCloud", ANNOUNCE % "restart", "restart")
     url = 'wss://cloud.example/a"b$(touch /tmp/pwned)'
     reply = server.request("dxSetCloudServerUrl", {"deviceId": MAC, "url": url, "port": 65535},
                            id="u1")
-    received = time.time()
     assert reply.raw == SUCCESS % ("u1", MAC)
-    assert stamp(device, "restart_at") >= received - 0.05, "restarted before the reply left"
+    assert queued_before_the_tool(agent, "restart", "u1"), "restarted before the reply was queued"
     assert lines(device, "uci set", "uci commit", "korvatCloud") == [
         "uci set korvatCloud.korvatCloud.port_number=65535",
         "uci commit",

@@ -145,3 +145,72 @@ TEST_F(BackupTest, UnwritableFileIsReportedWithTheNameFirst)
     EXPECT_EQ("Func " + path + ": Fail To Open File backup_queue!\n", GetCapturedStdout());
     EXPECT_EQ(1, filledCount(q));
 }
+
+/* ---- hand-over before a reboot ---- */
+
+namespace {
+
+struct Visit {
+    int count = -99;
+    std::vector<std::string> items;
+    int saved = 1;
+};
+
+int recordVisit(void *context, int count, const cJSON *const *items)
+{
+    Visit *visit = static_cast<Visit *>(context);
+    visit->count = count;
+    for (int i = 0; i < count && items != nullptr; i++) {
+        char *text = cJSON_PrintUnformatted(items[i]);
+        visit->items.push_back(text);
+        cJSON_free(text);
+    }
+    return visit->saved;
+}
+
+std::string takeId(JsonQueue &q)
+{
+    cJSON *tree = nullptr;
+    consumeObject(&q, &tree);
+    std::string id = cJSON_GetObjectItem(tree, "id")->valuestring;
+    cJSON_Delete(tree);
+    return id;
+}
+
+} // namespace
+
+TEST_F(BackupTest, SavedTreesAreDroppedFromThisRunAndLaterOnesTaken)
+{
+    put(kFirst);
+    put(kSecond);
+    Visit visit;
+    snapshotQueueHandOver(&q, recordVisit, &visit);
+    EXPECT_EQ(2, visit.count);
+    EXPECT_EQ((std::vector<std::string>{kFirst, kSecond}), visit.items);
+    /* queued after the hand-over: the next take gives it, the saved two
+     * are gone without being taken */
+    put("{\"id\":\"later\"}");
+    EXPECT_EQ("later", takeId(q));
+    EXPECT_EQ(QUEUE_CAPACITY, freeSlotCount(&q));
+    put("{\"id\":\"after\"}");
+    EXPECT_EQ("after", takeId(q));
+}
+
+TEST_F(BackupTest, AHandOverThatSavedNothingDropsNothing)
+{
+    put(kFirst);
+    Visit visit;
+    visit.saved = 0; /* the file could not be written */
+    snapshotQueueHandOver(&q, recordVisit, &visit);
+    EXPECT_EQ("1", takeId(q));
+}
+
+TEST_F(BackupTest, APlainSnapshotDropsNothing)
+{
+    put(kFirst);
+    Visit visit;
+    snapshotQueue(&q, recordVisit, &visit);
+    EXPECT_EQ(1, visit.count);
+    EXPECT_EQ("1", takeId(q));
+}
+

@@ -165,6 +165,8 @@ inline std::vector<std::string> drainReplies(JsonQueue &queue = g_sendQueues[SEN
 {
     std::vector<std::string> texts;
     int value = 0;
+    /* trees handed over to a next start are not taken: forget the mark */
+    queue.handedOver = 0;
     while (sem_getvalue(&queue.filledSlots, &value) == 0 && value > 0) {
         cJSON *tree = nullptr;
         consumeObject(&queue, &tree);
