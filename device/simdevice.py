@@ -462,6 +462,10 @@ class Device:
         if pid is None:
             raise RuntimeError("device not running")
         envs = ["PATH=" + PATH, "HOME=/root", "TERM=dumb"]
+        if TARGET:
+            # a target binary started from here (the init script starting
+            # the agent) finds its libraries as in the device's main process
+            envs.append("QEMU_LD_PREFIX=" + target_guest_root())
         envs += ["%s=%s" % kv for kv in (env or {}).items()]
         ns = ["-U", "-m", "-p", "-i", "-u", "-n"]
         return (["nsenter", "-t", str(pid)] + ns + ["-r", "-w", "--",
