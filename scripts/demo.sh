@@ -5,10 +5,20 @@
 #   scripts/demo.sh            # runs until Ctrl-C
 #   scripts/demo.sh --once     # one tour of requests, then exits (0 = all answered)
 #   scripts/demo.sh --tls      # the same over wss://
+#   scripts/demo.sh --upnp     # also a UPnP gateway upstream, and remote access
+#
+# The tour: dxGetAbout, an unknown method, an envelope without params; the
+# network settings and the time settings read and changed, with the
+# device's UCI before and after; the radios and networks, a network added on
+# both radios, changed and deleted; a status update, an event and streamed
+# system-log lines; a reset: the device reboots, the agent is started again
+# at boot and restores the queues it saved; with --upnp, remote access
+# opened and closed, with the gateway's own port-mapping list.
 #
 # Lines are prefixed with who printed them: [server] frames and requests of
 # the device server, [agent] the agent's output (frame dumps, debug lines),
-# [device] the connection-state file "/tmp/cloud_conn_state" as it changes.
+# [device] the connection-state file "/tmp/cloud_conn_state" as it changes
+# and what happens to the device, [gateway] the UPnP gateway.
 # KC_AGENT=path uses an already built agent instead of building one.
 set -eu
 cd "$(dirname "$0")/.."
@@ -16,11 +26,13 @@ top=$(pwd)
 
 once=""
 tls=""
+upnp=""
 for arg in "$@"; do
     case "$arg" in
     --once) once="--once" ;;
     --tls) tls="--tls" ;;
-    *) echo "usage: $0 [--once] [--tls]" >&2; exit 2 ;;
+    --upnp) upnp="--upnp" ;;
+    *) echo "usage: $0 [--once] [--tls] [--upnp]" >&2; exit 2 ;;
     esac
 done
 
@@ -37,21 +49,34 @@ run="$work/device"
 device/run-device init "$run" >/dev/null
 # The device's own network (device/README.md): the server listens in its
 # gateway namespace on 192.168.1.1; nothing touches the host's network.
-device/run-device net-up "$run" >/dev/null
+# With --upnp the network has the uplink (the internet behind the gateway,
+# a namespace of its own too) and the UPnP gateway runs in the gateway
+# namespace.
+wan=""
+[ -z "$upnp" ] || wan="--wan"
+# shellcheck disable=SC2086
+netinfo=$(device/run-device net-up $wan "$run")
 gateway=192.168.1.1
 
 server_pid=""
 agent_pid=""
 watch_pid=""
+upnp_pid=""
 cleanup() {
+    # no agent start after this point, whatever ends the device
+    : > "$work/ending"
+    [ -z "$agent_pid" ] || kill "$agent_pid" 2>/dev/null || true
     device/run-device stop "$run" >/dev/null 2>&1 || true
-    device/run-device net-down "$run" >/dev/null 2>&1 || true
-    # Commands started with & here ignore SIGINT, so the server is ended by
-    # its own pid: the pipeline's pid is only that of its last command.
+    # Commands started with & here ignore SIGINT, so the server and the
+    # gateway are ended by their own pids: a pipeline's pid is only that of
+    # its last command.
     server=$(cat "$work/server.pid" 2>/dev/null || true)
-    for pid in $server $watch_pid $server_pid $agent_pid; do
+    upnpd=$(cat "$work/gateway.pid" 2>/dev/null || true)
+    for pid in $server $upnpd $watch_pid $server_pid $agent_pid $upnp_pid; do
         kill "$pid" 2>/dev/null || true
     done
+    wait 2>/dev/null || true
+    device/run-device net-down "$run" >/dev/null 2>&1 || true
     wait 2>/dev/null || true
     rm -rf "$work" "$run.ctl"
 }
@@ -60,11 +85,51 @@ trap 'exit 130' INT TERM
 
 prefix() { sed -u "s/^/$1 /"; }
 
+# Status updates every 10 s instead of 60, so that the tour shows one: set
+# in the device's own configuration before the agent starts.
+device/run-device run "$run" -- /bin/sh -c \
+    'uci set korvatCloud.korvatCloud.auto_update=10 && uci commit korvatCloud'
+echo "[device] korvatCloud.korvatCloud.auto_update=10 (a status update every 10 s)"
+
+upnp_url=""
+if [ -n "$upnp" ]; then
+    # The device's upstream router as a UPnP Internet Gateway Device
+    # (device/simgateway.py): its daemon, its rule set and its SSDP traffic
+    # live in the run's namespaces only.
+    /usr/bin/python3 -u - "$netinfo" "$work" <<'GATEWAY' 2>&1 | prefix "[gateway]" &
+import json, os, signal, sys
+sys.path.insert(0, "device")
+import simgateway, simnet
+info, work = json.loads(sys.argv[1]), sys.argv[2]
+with open(os.path.join(work, "gateway.pid"), "w") as f:
+    f.write("%d\n" % os.getpid())
+gw = simgateway.UpnpGateway(simnet.DeviceNet(info), work).start()
+print("UPnP gateway listening: %s, WAN address %s" % (simgateway.ROOT_DESC, simnet.WAN_IP))
+with open(os.path.join(work, "gateway.url"), "w") as f:
+    f.write(simgateway.ROOT_DESC + "\n")
+def end(*_):
+    gw.stop()
+    sys.exit(0)
+signal.signal(signal.SIGTERM, end)
+while True:
+    signal.pause()
+GATEWAY
+    upnp_pid=$!
+    i=0
+    while [ ! -s "$work/gateway.url" ]; do
+        i=$((i + 1))
+        [ "$i" -lt 200 ] || { echo "the UPnP gateway did not start" >&2; exit 1; }
+        sleep 0.1
+    done
+    upnp_url="--upnp-gateway $(cat "$work/gateway.url")"
+fi
+
 # shellcheck disable=SC2086
 {
     status=0
     device/run-device gateway "$run" -- /usr/bin/python3 -u server/device_server.py \
-        --host "$gateway" --tour $once $tls --url-file "$work/url" 2>&1 &
+        --host "$gateway" --tour $once $tls --url-file "$work/url" \
+        --device-run "$run" --timeout 300 $upnp_url 2>&1 &
     echo $! > "$work/server.pid"
     wait $! || status=$?
     echo "$status" > "$work/server.status"
@@ -78,9 +143,31 @@ while [ ! -s "$work/url" ]; do
 done
 url=$(cat "$work/url")
 
-echo "[device] starting: korvat-cloud -d $url $MAC"
-device/run-device run --agent "$KC_AGENT" "$run" -- /usr/bin/korvat-cloud -d "$url" "$MAC" 2>&1 \
-    | prefix "[agent]" &
+# The agent as the device starts it: again at every boot.  When the
+# device goes down through `reboot` (the tour's reset), the next run of the
+# same run directory is a boot: what was in RAM is gone, the flash copies
+# of the agent's queues are kept.
+agent_runs() {
+    while :; do
+        echo "[device] starting: korvat-cloud -d $url $MAC"
+        {
+            st=0
+            device/run-device run --agent "$KC_AGENT" "$run" -- \
+                /usr/bin/korvat-cloud -d "$url" "$MAC" 2>&1 || st=$?
+            echo "$st" > "$work/agent.status"
+        } | prefix "[agent]"
+        st=$(cat "$work/agent.status" 2>/dev/null || echo "?")
+        [ ! -e "$work/ending" ] || return 0
+        if device/run-device rebooted "$run"; then
+            echo "[device] the device went down after reboot (status $st); it boots" \
+                "and starts the agent again"
+            continue
+        fi
+        echo "[device] the agent ended (status $st)"
+        return 0
+    done
+}
+agent_runs &
 agent_pid=$!
 
 # The state file is read through run-device, which never follows a link
