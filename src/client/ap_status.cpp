@@ -303,6 +303,24 @@ static int setBandSteering(int requested)
     return 1;
 }
 
+/*
+ * Adds to result the objects add() makes from a device answer (freed here)
+ * and queues the reply; a device state add() refuses (-1, three radios or
+ * more) is answered with the device-state error instead.
+ */
+static void replyWithAnswerObjects(const cJSON *request, cJSON *reply, cJSON *result,
+                                   char *answer, int (*add)(cJSON *, const char *))
+{
+    int added = add(result, answer);
+    free_shell_output(answer);
+    if (added < 0) {
+        jsonDelete(reply);
+        sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
+        return;
+    }
+    writeJsonReply(reply);
+}
+
 /* ---- handlers ---- */
 
 void vekGetSystemConfigHandler(const cJSON *request)
@@ -371,15 +389,7 @@ void vekGetStatusHandler(const cJSON *request)
     jsonAddItem(result, "lan", lan);
 
     /* the same radio objects as the periodic status update */
-    char *wifiInfo = wifiInfoAnswer();
-    int radios = add_radio_objects(result, wifiInfo);
-    free_shell_output(wifiInfo);
-    if (radios < 0) {
-        jsonDelete(reply);
-        sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
-        return;
-    }
-    writeJsonReply(reply);
+    replyWithAnswerObjects(request, reply, result, wifiInfoAnswer(), add_radio_objects);
 }
 
 void vekGetLanStatusHandler(const cJSON *request)
@@ -401,15 +411,7 @@ void vekGetRadioStatusHandler(const cJSON *request)
         return;
     cJSON *result = NULL;
     cJSON *reply = initDeviceResult(request, &result);
-    char *wifiInfo = wifiInfoAnswer();
-    int radios = addRadioStatusObjects(result, wifiInfo);
-    free_shell_output(wifiInfo);
-    if (radios < 0) {
-        jsonDelete(reply);
-        sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
-        return;
-    }
-    writeJsonReply(reply);
+    replyWithAnswerObjects(request, reply, result, wifiInfoAnswer(), addRadioStatusObjects);
 }
 
 void vekGetGuestNetworkStatusHandler(const cJSON *request)
@@ -420,14 +422,7 @@ void vekGetGuestNetworkStatusHandler(const cJSON *request)
     cJSON *reply = initDeviceResult(request, &result);
     char *guestInfo =
         outputOf(KAPRI_UTIL_SCRIPT " GuestNetworkInfo | tr -d '\n'", kJsonAnswerLimit);
-    int networks = addGuestNetworkObjects(result, guestInfo);
-    free_shell_output(guestInfo);
-    if (networks < 0) {
-        jsonDelete(reply);
-        sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
-        return;
-    }
-    writeJsonReply(reply);
+    replyWithAnswerObjects(request, reply, result, guestInfo, addGuestNetworkObjects);
 }
 
 void vekGetNetworkStatusHandler(const cJSON *request)

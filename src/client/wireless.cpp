@@ -146,6 +146,21 @@ static void refuse(const cJSON *request, const char *text)
     sendJsonRpcErrorData(request, JSONRPC_INVALID_PARAMS, text);
 }
 
+/* The checks of a networkIndex request, in their order: a valid index,
+ * then the operation mode.  1 when the request was refused. */
+static int refuseIndexOrMode(const cJSON *request, int networkIndex)
+{
+    if (!isValidNetworkIndex(networkIndex)) {
+        refuse(request, "Invalid network index.");
+        return 1;
+    }
+    if (!isApOpModeAllowed()) {
+        refuse(request, WLAN_NON_AP_MODE_TEXT);
+        return 1;
+    }
+    return 0;
+}
+
 static void sendSuccess(const cJSON *request)
 {
     cJSON *result = NULL;
@@ -227,14 +242,8 @@ void vekSetNetworkConfigHandler(const cJSON *request)
         sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
         return;
     }
-    if (!isValidNetworkIndex(networkIndex)) {
-        refuse(request, "Invalid network index.");
+    if (refuseIndexOrMode(request, networkIndex))
         return;
-    }
-    if (!isApOpModeAllowed()) {
-        refuse(request, WLAN_NON_AP_MODE_TEXT);
-        return;
-    }
     char section[32];
     wlanSectionName(networkIndex, section, sizeof section);
     KC_DEBUG("p_w_idx = %s, vlan_id=%d\n", section, vlanId);
@@ -430,14 +439,8 @@ void vekDeleteNetworkHandler(const cJSON *request)
     }
     int networkIndex = jsonGetInt(params, "networkIndex");
     (void)jsonGetString(params, "ssid"); /* read, not used */
-    if (!isValidNetworkIndex(networkIndex)) {
-        refuse(request, "Invalid network index.");
+    if (refuseIndexOrMode(request, networkIndex))
         return;
-    }
-    if (!isApOpModeAllowed()) {
-        refuse(request, WLAN_NON_AP_MODE_TEXT);
-        return;
-    }
     char section[32];
     wlanSectionName(networkIndex, section, sizeof section);
     if (strcmp(section, "w0_index0") == 0 || strcmp(section, "w1_index0") == 0) {
