@@ -11,7 +11,7 @@
 #      above and as the MIPS build in stage 6,
 #   4. builds the agent with ThreadSanitizer and runs the end-to-end
 #      transport and fault suites with it,
-#   5. runs each fuzz target for a bounded time (KC_FUZZ_SECONDS, default 30),
+#   5. runs each fuzz target for a bounded time (KC_FUZZ_SECONDS, default 15),
 #   6. cross-builds for the big-endian MIPS target and runs the unit and
 #      end-to-end suites under qemu-mips (target/test-target.sh).
 # Time: the suites mostly wait (sandboxes, sockets, sleeps), so they run
@@ -118,7 +118,7 @@ if [ "$skip_fuzz" != 1 ]; then
     [ "${KC_SERIAL:-0}" = 1 ] && tests/fuzz/run-fuzzers.sh --build-only
     wait_build fuzz
     stage "fuzzers (beside the next stage)"
-    tests/fuzz/run-fuzzers.sh > "$marks/fuzz.log" 2>&1 &
+    KC_FUZZ_SECONDS=${KC_FUZZ_SECONDS:-15} tests/fuzz/run-fuzzers.sh > "$marks/fuzz.log" 2>&1 &
     fuzz_pid=$!
 fi
 
