@@ -32,7 +32,7 @@ def settings(device, **options):
     device.uci_ok("commit", "korvatCloud")
 
 
-def wait_for(condition, timeout=10.0, interval=0.05):
+def wait_for(condition, timeout=30.0, interval=0.05):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
         if condition():
@@ -56,7 +56,7 @@ def put_event_file(device, text):
     assert r.returncode == 0, r.stderr
 
 
-def next_message(server, timeout=10, method=None):
+def next_message(server, timeout=30, method=None):
     """The next message other than a status update."""
     deadline = time.monotonic() + timeout
     while True:
@@ -112,7 +112,7 @@ def test_event_lines_go_out_byte_for_byte_and_the_file_is_emptied(device, ready)
                    "event:Memory usage greater then 90%.\n"
                    "type:INFO number:3 dateTime:2026-11-15T10:00:00+0100 event:out of order\n"
                    "number:8 dateTime:2026-11-15T10:00:01+0100 type:INFO event:Rebooted")
-    message = next_message(server, 10)
+    message = next_message(server, 30)
     assert message.raw == notification(
         '{"number":7,"dateTime":"2026-11-15T10:00:00+01:00","type":"INFO","event":"Reboot"}',
         '{"number":12,"dateTime":"2026-11-16T08:30:05-03:30","type":"WARN",'
@@ -133,7 +133,7 @@ def test_an_event_file_holding_only_the_empty_line_sends_nothing(device, ready):
     assert device.read_file("/tmp/cEvtLog") == "\n"
     # the sender was at work all along: a real line goes out at once
     put_event_file(device, "\n" + EVENT % (1, 1, 1))
-    message = next_message(server, 10)
+    message = next_message(server, 30)
     assert message.raw == notification(
         '{"number":1,"dateTime":"2026-11-15T10:00:01+01:00","type":"INFO","event":"E1"}')
 
@@ -144,7 +144,7 @@ def test_the_utility_scripts_event_line_reaches_the_server(device, ready):
                      "Fan", "stopped"], env=CET)
     assert r.returncode == 0, r.stderr
     # the timer may take the line at once, so it is read where it arrives
-    message = next_message(server, 10)
+    message = next_message(server, 30)
     m = re.search(r'"dateTime":"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d)\+01:00"', message.raw)
     assert m, message.raw
     assert message.raw == notification(
@@ -174,7 +174,7 @@ def test_streamed_log_lines_go_out_byte_for_byte(device, ready):
                          "Foo 15 23:12:25 VK310 user.notice root: not a month\n"
                          'Nov  5 08:01:02 VK310 user.notice root: say "hi"\n'
                          "Dec 31 23:59:59 VK310 kern.info kernel no message start")
-    message = next_message(server, 15)
+    message = next_message(server, 30)
     assert message.raw == (
         '{"jsonrpc":"2.0","id":"abc","stream":true,"result":{"deviceId":"%s","logs":['
         '{"dateTime":"%s-11-15T23:12:24+01:00","level":20,"location":" ",'
@@ -193,7 +193,7 @@ def test_streamed_log_lines_go_out_byte_for_byte(device, ready):
                        "killall logread", "logread -f"]
     # the next lines go in the next result, with the same id
     device.append_syslog("Jan  1 00:00:00 VK310 daemon.info app[12]: a: b\tc")
-    message = next_message(server, 15)
+    message = next_message(server, 30)
     assert message.raw == (
         '{"jsonrpc":"2.0","id":"abc","stream":true,"result":{"deviceId":"%s","logs":['
         '{"dateTime":"%s-01-01T00:00:00+01:00","level":20,"location":" ",'
@@ -257,7 +257,7 @@ def test_with_nine_replies_waiting_the_capture_is_discarded(device, server, star
     assert pending(server) == []
     # streaming goes on; the discarded line never comes
     device.append_syslog("Nov 15 23:12:30 VK310 user.notice root: after")
-    message = next_message(server, 15)
+    message = next_message(server, 30)
     assert message.data["id"] == "abc"
     assert [log["message"] for log in message.data["result"]["logs"]] == ["after "]
     assert first is not second

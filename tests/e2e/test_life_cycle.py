@@ -50,7 +50,7 @@ def wait_file(device, path, timeout=20):
     return False
 
 
-def wait_emptied(device, path, timeout=10):
+def wait_emptied(device, path, timeout=30):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
         if (device.read_file(path) or "").strip() == "":
@@ -287,7 +287,7 @@ def test_no_status_update_while_the_web_configuration_reloads(device, server, st
     assert not [m for m in server.messages if m.method == "dsLogStatusUpdates"]
     agent.out.wait_for(re.compile(r"\[LINE 316\]: === luci-reloading\.\.\.\.\.\.$"))
     device.remove_file("/tmp/luci_reload_cmd")
-    update = server.next_message(10, method="dsLogStatusUpdates")
+    update = server.next_message(30, method="dsLogStatusUpdates")
     assert update.data["params"]["deviceId"] == MAC
 
 

@@ -54,7 +54,7 @@ def settings(device, **options):
     device.uci_ok("commit", "korvatCloud")
 
 
-def wait_for(condition, timeout=10.0, interval=0.05):
+def wait_for(condition, timeout=30.0, interval=0.05):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
         if condition():
@@ -87,7 +87,7 @@ def lines(device, *prefixes):
     return [line for line in device.journal() if line.startswith(prefixes)]
 
 
-def next_reply(server, timeout=10):
+def next_reply(server, timeout=30):
     """The next message that is not a status update."""
     deadline = time.monotonic() + timeout
     while True:
@@ -133,7 +133,7 @@ def test_reset_replies_then_leaves_an_event_reboots_and_copies_the_backups(devic
     server.send_text(request_text("dxResetDevice", {"deviceId": "x"}, "reset"))
     reply = next_reply(server)
     assert reply.raw == SUCCESS % ("reset", MAC)
-    event = server.next_message(10, method="dsEventNotifications")
+    event = server.next_message(30, method="dsEventNotifications")
     assert event.time >= reply.time
     when = event.data["params"]["events"][0]["dateTime"]
     assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\+01:00", when), when
