@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "fuzz_support.h"
 
@@ -36,14 +37,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             abort();
         if (read.size() < 4 || read.compare(read.size() - 2, 2, "\r\n") != 0)
             abort();
-        // every header line that starts the accept header has the value
+        // every header line that starts the accept header has the value;
+        // lines as the reader takes them: up to 255 bytes, ended by a
+        // newline (from the second byte on) or by the byte after a CR, and
+        // read as C strings (to the first NUL)
         static const char kAccept[] = "Sec-WebSocket-Accept: ";
         static const char kValue[] = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";
-        for (size_t at = read.find(kAccept); at != std::string::npos;
-             at = read.find(kAccept, at + 1)) {
-            if (at != 0 && read[at - 1] != '\n')
-                continue; // not at the start of a line
-            if (read.compare(at + strlen(kAccept), strlen(kValue), kValue) != 0)
+        std::vector<std::string> lines;
+        std::string line;
+        for (char c : read) {
+            line += c;
+            size_t n = line.size();
+            if ((n >= 2 && (line[n - 2] == '\r' || line[n - 1] == '\n')) || n == 255) {
+                lines.push_back(line);
+                line.clear();
+            }
+        }
+        for (size_t i = 1; i < lines.size(); i++) {
+            std::string text(lines[i].c_str());
+            if (text.compare(0, strlen(kAccept), kAccept) != 0)
+                continue;
+            if (text.compare(strlen(kAccept), strlen(kValue), kValue) != 0)
                 abort();
         }
     } else if (result != 0) {
