@@ -7,6 +7,7 @@ The agent's standard output and error are collected line by line; at the
 end of each test its error output must hold no sanitizer report unless the
 test expected the agent to abort.
 """
+import json
 import os
 import re
 import sys
@@ -237,3 +238,30 @@ def connected(server, start_agent):
     agent = start_agent(server.url)
     server.wait_for_connection(timeout=15)
     return agent, server
+
+
+# ---- helpers shared by the suites ------------------------------------------
+
+def request_text(method, params, id_):
+    return json.dumps({"jsonrpc": "2.0", "id": id_, "method": method, "params": params},
+                      separators=(",", ":"))
+
+
+def about(id_):
+    return request_text("dxGetAbout", {"deviceId": MAC}, id_)
+
+
+def settings(device, **options):
+    for key, value in options.items():
+        device.uci_ok("set", "korvatCloud.korvatCloud.%s=%s" % (key, value))
+    device.uci_ok("commit", "korvatCloud")
+
+
+def wait_for(condition, timeout=30.0, interval=0.05):
+    """Polls condition until it holds or the time runs out; its last value."""
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if condition():
+            return True
+        time.sleep(interval)
+    return condition()

@@ -4,41 +4,16 @@ from "/tmp/cEvtLog" and streamed system-log lines from the capture that
 "Func ...: File ... doesn't exist." messages; and what happens under queue
 pressure while the server cannot be reached (the device-side data is
 discarded instead of queued)."""
-import json
 import re
 import time
 
 import pytest
 
-from conftest import MAC
+from conftest import MAC, about, request_text, settings, wait_for
 
 CET = {"TZ": "CET-1"}
 SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.1; done\necho TAG-1\n'
 EVENT = "number:%d dateTime:2026-11-15T10:00:%02d+0100 type:INFO event:E%d\n"
-
-
-def request_text(method, params, id_):
-    return json.dumps({"jsonrpc": "2.0", "id": id_, "method": method, "params": params},
-                      separators=(",", ":"))
-
-
-def about(id_):
-    return request_text("dxGetAbout", {"deviceId": MAC}, id_)
-
-
-def settings(device, **options):
-    for key, value in options.items():
-        device.uci_ok("set", "korvatCloud.korvatCloud.%s=%s" % (key, value))
-    device.uci_ok("commit", "korvatCloud")
-
-
-def wait_for(condition, timeout=30.0, interval=0.05):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if condition():
-            return True
-        time.sleep(interval)
-    return condition()
 
 
 def settle(device):

@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import MAC
+from conftest import MAC, about, request_text, settings, wait_for
 
 INVALID = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
            '"message":"Invalid method parameter","data":""}}')
@@ -37,30 +37,6 @@ def queued_before_the_tool(agent, name, request_id):
     queued = agent.out.wait_for(re.compile(r"\[LINE 682\]: produceObject: end$"), 20,
                                 start=arrived)
     return queued < tool
-
-
-def request_text(method, params, id_):
-    return json.dumps({"jsonrpc": "2.0", "id": id_, "method": method, "params": params},
-                      separators=(",", ":"))
-
-
-def about(id_):
-    return request_text("dxGetAbout", {"deviceId": MAC}, id_)
-
-
-def settings(device, **options):
-    for key, value in options.items():
-        device.uci_ok("set", "korvatCloud.korvatCloud.%s=%s" % (key, value))
-    device.uci_ok("commit", "korvatCloud")
-
-
-def wait_for(condition, timeout=30.0, interval=0.05):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if condition():
-            return True
-        time.sleep(interval)
-    return condition()
 
 
 def after(journal, first):
