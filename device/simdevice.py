@@ -383,6 +383,9 @@ class Device:
         self.proc = None
         self._own_net = net is None
         self.net = simnet.DeviceNet() if net is None else net
+        # Multiplies the waits of wait_journal and wait_rebooted, for a slow
+        # or loaded machine; a wait that succeeds ends just as soon.
+        self.timeout_scale = 1.0
 
     # ---- sandbox ---------------------------------------------------------
     def start(self, cmd, agent=None, env=None, binds=(),
@@ -600,7 +603,7 @@ class Device:
         if self.proc is None:
             return False
         try:
-            self.proc.wait(timeout)
+            self.proc.wait(timeout * self.timeout_scale)
         except subprocess.TimeoutExpired:
             return False
         return self.reboot_pending()
@@ -667,7 +670,7 @@ class Device:
         """Wait until a journal line equals `match` (str) or satisfies it
         (callable); returns the line, or None on timeout."""
         test = match if callable(match) else (lambda line: line == match)
-        end = time.time() + timeout
+        end = time.time() + timeout * self.timeout_scale
         while True:
             for line in self.journal():
                 if test(line):

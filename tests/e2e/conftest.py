@@ -31,6 +31,13 @@ FASTSLEEP = os.environ.get("KC_FASTSLEEP") or os.path.join(
     ROOT, "build", "tests", "e2e", "fastsleep.so")
 MAC = "00:11:22:33:44:55"
 
+# Multiplies every wait for the agent (its output, replies, messages,
+# connections, the device's journal): a machine running several suites side
+# by side, the sanitizers or an emulated CPU is many times slower than an
+# idle one.  Waits that succeed end as soon as they do; only a failure takes
+# longer to report.  The build sets it (tests/e2e/CMakeLists.txt).
+TIMEOUT_SCALE = float(os.environ.get("KC_TIMEOUT_SCALE") or "1")
+
 SANITIZER_MARKS = ("AddressSanitizer", "LeakSanitizer", "UndefinedBehaviorSanitizer",
                    "ThreadSanitizer",
                    "runtime error:")
@@ -63,6 +70,7 @@ class Stream(object):
         """Index of the first line from `start` matching the regex (or equal
         to the plain text); raises AssertionError on timeout."""
         regex = re.compile(pattern) if isinstance(pattern, re.Pattern) else None
+        timeout *= TIMEOUT_SCALE
         deadline = time.monotonic() + timeout
         with self._cond:
             while True:
@@ -105,7 +113,7 @@ class Agent(object):
 
     def wait_exit(self, timeout=10.0):
         """Exit status of the launcher, once every output line is in."""
-        status = self.proc.wait(timeout)
+        status = self.proc.wait(timeout * TIMEOUT_SCALE)
         self.out.wait_eof()
         self.err.wait_eof()
         return status
@@ -167,6 +175,7 @@ class Agent(object):
 @pytest.fixture
 def device():
     with Device() as dev:
+        dev.timeout_scale = TIMEOUT_SCALE
         yield dev
 
 
@@ -202,16 +211,30 @@ def start_agent(device):
             assert not reports, "sanitizer report from the agent:\n" + agent.err.text()
 
 
+# Replies that wait on the device's commands (a request that sets ten UCI
+# options runs eleven of them) may take many seconds on a loaded machine,
+# under the sanitizers above all.
+REPLY_TIMEOUT = 30.0
+
+
 def device_server(device, **kw):
     """A device server listening in the device network's gateway namespace
-    (the agent reaches it at device.net.gateway_ip)."""
+    (the agent reaches it at device.net.gateway_ip).  It does not ping unless
+    asked: the wire stays exactly what the test sends."""
     kw.setdefault("ping_interval", None)
+    kw.setdefault("reply_timeout", REPLY_TIMEOUT)
+    kw.setdefault("timeout_scale", TIMEOUT_SCALE)
     return DeviceServer(host=device.net.gateway_ip, netns=device.net.gateway_ns, **kw)
 
 
 @pytest.fixture
-def server(device):
-    srv = device_server(device)
+def server(device, request):
+    """The device server.  A test module that waits a long time for the
+    agent's own messages sets SERVER_PING_INTERVAL: the server then pings as
+    a real one does, since the agent closes a connection that stays silent
+    for 40 s."""
+    srv = device_server(device, ping_interval=getattr(request.module,
+                                                      "SERVER_PING_INTERVAL", None))
     srv.start()
     yield srv
     srv.stop()
@@ -259,7 +282,7 @@ def settings(device, **options):
 
 def wait_for(condition, timeout=30.0, interval=0.05):
     """Polls condition until it holds or the time runs out; its last value."""
-    deadline = time.monotonic() + timeout
+    deadline = time.monotonic() + timeout * TIMEOUT_SCALE
     while time.monotonic() < deadline:
         if condition():
             return True

@@ -11,6 +11,9 @@ import pytest
 
 from conftest import MAC, about, request_text, settings, wait_for
 
+# Updates and events may be more than 40 s apart on a loaded machine.
+SERVER_PING_INTERVAL = 15
+
 CET = {"TZ": "CET-1"}
 SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.1; done\necho TAG-1\n'
 EVENT = "number:%d dateTime:2026-11-15T10:00:%02d+0100 type:INFO event:E%d\n"

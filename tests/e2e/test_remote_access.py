@@ -17,7 +17,7 @@ import simnet
 from simdevice import Device
 from simgateway import UpnpGateway
 
-from conftest import AGENT, MAC, device_server
+from conftest import AGENT, MAC, TIMEOUT_SCALE, device_server
 
 RECORD = "/tmp/luci-sessions/external/record_file"
 
@@ -26,6 +26,7 @@ RECORD = "/tmp/luci-sessions/external/record_file"
 def wan_device():
     net = simnet.DeviceNet(wan=True)
     dev = Device(net=net)
+    dev.timeout_scale = TIMEOUT_SCALE
     try:
         yield dev
     finally:

@@ -16,7 +16,6 @@
 import fcntl
 import json
 import os
-import shutil
 import sys
 import time
 
@@ -462,6 +461,7 @@ def backup_cloud_files():
     """Copies the agent's four queue backups that exist in /etc to the flash
     partition (RUN/flash, what `mount -t jffs2 /dev/mtdblock2 DIR` shows);
     a flash copy whose /etc file is missing is left as it is."""
+    import shutil  # here only: every sub-command starts this program
     flash = os.path.join(simcommon.run_dir(), "flash")
     os.makedirs(flash, exist_ok=True)
     for name in CLOUD_BACKUPS:

@@ -4,7 +4,6 @@
 # The tool is chosen by the name it was started under; every call appends one
 # line to the journal; canned outputs can be replaced per run (simcommon).
 import os
-import shutil
 import signal
 import sys
 import time
@@ -307,6 +306,7 @@ def t_mount(name, args):
             sys.stderr.write("mount: mounting %s on %s failed: Device or "
                              "resource busy\n" % (dev, target))
             return 255
+        import shutil  # here only: every device command starts this program
         src = flash_dir()
         for f in os.listdir(src):
             shutil.copy2(os.path.join(src, f), os.path.join(real, f))
@@ -329,6 +329,7 @@ def t_umount(name, args):
                          % (pos[0] if pos else ""))
         return 1
     target = pos[0].rstrip("/")
+    import shutil
     real, dst = simcommon.device_path(target), flash_dir()
     for f in os.listdir(dst):
         os.unlink(os.path.join(dst, f))
