@@ -179,9 +179,25 @@ def device():
         yield dev
 
 
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """Keeps each phase's report on the test item, so that fixtures can tell
+    at teardown whether the test failed."""
+    outcome = yield
+    report = outcome.get_result()
+    setattr(item, "report_" + report.when, report)
+
+
+# Lines of the agent's output shown when a test fails.
+FAILURE_TAIL = 150
+
+
 @pytest.fixture
-def start_agent(device):
-    """start_agent(url, debug=True, mac=MAC, args=None, fastsleep=False, env=None)"""
+def start_agent(device, request):
+    """start_agent(url, debug=True, mac=MAC, args=None, fastsleep=False, env=None)
+
+    When the test fails, the end of each agent's output is printed (pytest
+    shows it under the teardown's captured output)."""
     started = []
 
     def start(url=None, debug=True, mac=MAC, args=None, fastsleep=False, env=None):
@@ -202,10 +218,17 @@ def start_agent(device):
         return agent
 
     yield start
-    for agent in started:
+    call = getattr(request.node, "report_call", None)
+    failed = call is not None and call.failed
+    for n, agent in enumerate(started):
         device.stop()
         agent.out._thread.join(5)
         agent.err._thread.join(5)
+        if failed:
+            for name, stream in (("output", agent.out), ("error output", agent.err)):
+                lines = stream.lines[-FAILURE_TAIL:]
+                print("---- agent %d: last %d lines of its %s ----" % (n + 1, len(lines), name))
+                print("\n".join(lines))
         if not agent.expect_abort:
             reports = agent.sanitizer_reports()
             assert not reports, "sanitizer report from the agent:\n" + agent.err.text()
