@@ -15,6 +15,8 @@
 #       keeps its host pid for bwrap --info-fd / nsenter users).
 #   target/qemu-binfmt.sh guest-root
 #       (Re)creates the guest library root and prints its path.
+#   target/qemu-binfmt.sh interpreter
+#       Prints the qemu-mips used, fetching it first if need be.
 #   target/qemu-binfmt.sh selftest [MIPS_BINARY]
 #       Proves it: runs a MIPS program named korvat-cloud directly, checks
 #       comm, finds and kills it by name (also inside a nested bwrap sandbox),
@@ -24,11 +26,22 @@
 #   KORVAT_MIPS_SYSROOT  library sysroot (default /var/cache/korvat-cloud/mips-sysroot)
 #   KORVAT_MIPS_GUEST    guest root: lib/ with ld.so.1, libc, libstdc++ and the
 #                        sysroot's shared libraries (default <sysroot>/../mips-guest)
-#   KORVAT_QEMU          interpreter: a path, or "static" for qemu-mips-static
-#                        (taken from Debian's qemu-user-static .deb without
-#                        installing it), default: qemu-mips-static if installed,
-#                        else /usr/bin/qemu-mips (dynamic: needs the host's
-#                        /usr and /lib64 visible wherever the program runs).
+#   KORVAT_QEMU          interpreter:
+#                        "backports" (default): the static qemu-mips of
+#                        bookworm-backports' qemu-user (10.x), fetched once
+#                        into <sysroot>/../qemu-backports without installing
+#                        it or adding the suite to the host's apt sources.
+#                        Bookworm's own qemu 7.2 can leave the child of a
+#                        fork() hanging when the program has other threads
+#                        running (both of the child's threads wait on a
+#                        futex and never reach exec): the agent forks for
+#                        every command while its timer, status and socket
+#                        threads run, so a request's command could hang.
+#                        "system": qemu-mips-static if installed, else
+#                        /usr/bin/qemu-mips (dynamic: needs the host's /usr
+#                        and /lib64 visible wherever the program runs).
+#                        "static": qemu-mips-static from bookworm's
+#                        qemu-user-static .deb.  Or a path.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -45,9 +58,40 @@ MASK='\xff\xff\xff\xff\xff\xff\xff\x00\xfe\xff\xff\xff\xff\xff\xff\xff\xff\xfe\x
 say() { echo "[qemu-binfmt] $*" >&2; }
 die() { say "ERROR: $*"; exit 1; }
 
+BACKPORTS="deb http://deb.debian.org/debian bookworm-backports main"
+
+# Fetches qemu-user from bookworm-backports with a private apt list
+# directory (the host's sources and package lists stay as they are) and
+# keeps its static qemu-mips at $1.  One fetch at a time (flock).
+fetch_backports_qemu() {
+    local q=$1 dir; dir=$(dirname "$q")
+    mkdir -p "$dir"
+    exec 9>"$dir/.lock"
+    flock 9
+    if [ ! -x "$q" ]; then
+        say "fetching qemu-mips from bookworm-backports' qemu-user (not installed)"
+        local tmp; tmp=$(mktemp -d)
+        mkdir -p "$tmp/lists/partial"
+        echo "$BACKPORTS" >"$tmp/sources.list"
+        local opts=(-q -o Dir::Etc::SourceList="$tmp/sources.list" -o Dir::Etc::SourceParts=/dev/null
+                    -o Dir::State::Lists="$tmp/lists" -o APT::Sandbox::User=root)
+        apt-get "${opts[@]}" update >/dev/null || die "apt-get update of bookworm-backports failed"
+        (cd "$tmp" && apt-get "${opts[@]}" download qemu-user/bookworm-backports >/dev/null) \
+            || die "apt-get download qemu-user/bookworm-backports failed"
+        dpkg-deb --fsys-tarfile "$tmp"/qemu-user_*.deb | tar -x -C "$tmp" ./usr/bin/qemu-mips
+        "$tmp/usr/bin/qemu-mips" --version | head -n 1 >&2
+        mv "$tmp/usr/bin/qemu-mips" "$q"
+        rm -rf "$tmp"
+    fi
+    exec 9>&-
+}
+
 pick_qemu() {
-    local q=${KORVAT_QEMU:-}
-    if [ "$q" = static ]; then
+    local q=${KORVAT_QEMU:-backports}
+    if [ "$q" = backports ]; then
+        q=$(dirname "$SYSROOT")/qemu-backports/qemu-mips
+        [ -x "$q" ] || fetch_backports_qemu "$q"
+    elif [ "$q" = static ]; then
         q=$(dirname "$SYSROOT")/qemu-static/qemu-mips-static
         if [ ! -x "$q" ]; then
             say "extracting qemu-mips-static from qemu-user-static.deb (not installed)"
@@ -60,7 +104,7 @@ pick_qemu() {
             mv "$tmp/usr/bin/qemu-mips-static" "$q"
             rm -rf "$tmp"
         fi
-    elif [ -z "$q" ]; then
+    elif [ "$q" = system ]; then
         if [ -x /usr/bin/qemu-mips-static ]; then q=/usr/bin/qemu-mips-static; else q=/usr/bin/qemu-mips; fi
     fi
     [ -x "$q" ] || die "no qemu interpreter at $q (apt-get install qemu-user)"
@@ -187,6 +231,7 @@ EOF
 case "${1:-}" in
     run) shift; cmd_run "$@" ;;
     guest-root) make_guest_root ;;
+    interpreter) pick_qemu ;;
     selftest) shift; cmd_selftest "$@" ;;
     __inner) shift; inner "$@" ;;
     *) sed -n '2,/^set -euo/p' "$0" | sed '$d'; exit 2 ;;

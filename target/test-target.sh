@@ -18,5 +18,8 @@ printf '\n==== target build %s ====\n' "$build"
 target/build-target.sh "$build" -DKC_TESTS=ON -DCMAKE_BUILD_TYPE=MinSizeRel
 
 printf '\n==== target tests in %s (under qemu-mips) ====\n' "$build"
+# the interpreter the end-to-end suites register (fetched here, not
+# inside the first test that needs it)
+echo "qemu-mips: $(target/qemu-binfmt.sh interpreter)"
 # shellcheck disable=SC2086
 (cd "$build" && ctest --output-on-failure ${CTEST_ARGS:-})
