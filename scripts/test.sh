@@ -62,8 +62,10 @@ build_later_stages() {
 
 marks=$(mktemp -d /tmp/kc-test-XXXXXX)
 bg=""
+# Must not fail: under set -e a failing command here (such as kill of a
+# builder that has already ended) would make the whole run exit 1.
 cleanup() {
-    [ -n "$bg" ] && kill "$bg" 2>/dev/null
+    if [ -n "$bg" ]; then kill "$bg" 2>/dev/null || true; fi
     rm -rf "$marks"
 }
 trap cleanup EXIT
