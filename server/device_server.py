@@ -186,8 +186,7 @@ class DeviceServer(object):
     def __init__(self, port=0, tls=False, ping_interval=DEFAULT_PING_INTERVAL,
                  url_path="", host="127.0.0.1", log_file=None, echo=True,
                  cert_dir=None, tls_max_version=None, ping_payload=b"",
-                 close_timeout=3.0, netns=None, reply_timeout=10.0,
-                 timeout_scale=1.0):
+                 close_timeout=3.0, netns=None, timeout_scale=1.0):
         """
         port: 0 for an ephemeral port (kept across pause/resume).
         tls: serve wss:// with a self-signed certificate made at start.
@@ -200,8 +199,6 @@ class DeviceServer(object):
         netns: path of a network namespace (such as the simulated device
         network's gateway namespace, /proc/PID/ns/net) in which the server
         listens: its event loop thread joins it before listening.
-        reply_timeout: seconds request() and request_raw() wait for a reply
-        when the call gives no timeout.
         timeout_scale: multiplies every wait of the calls below (replies,
         connections, pongs, messages), for a slow or loaded machine; a wait
         that ends as expected ends just as soon.
@@ -218,7 +215,6 @@ class DeviceServer(object):
         self.tls_max_version = tls_max_version
         self.close_timeout = close_timeout
         self.netns = netns
-        self.reply_timeout = reply_timeout
         self.timeout_scale = timeout_scale
         self.certfile = self.keyfile = None
         self.ssl_context = None
@@ -386,14 +382,13 @@ class DeviceServer(object):
     def new_id(self):
         return str(next(self._ids))
 
-    def request(self, method, params=None, id=None, timeout=None, conn=None,
+    def request(self, method, params=None, id=None, timeout=10.0, conn=None,
                 omit=(), jsonrpc="2.0"):
         """Send a JSON-RPC request and return Reply(data, raw) with the same id.
 
         params None sends {}; omit names envelope members to leave out
         (e.g. omit=("params",)).  A numeric id is sent as a number and the
-        reply is matched against that exact value.  timeout None waits
-        reply_timeout seconds.
+        reply is matched against that exact value.
         """
         if id is None:
             id = self.new_id()
@@ -404,11 +399,9 @@ class DeviceServer(object):
         text = json.dumps(envelope, separators=(",", ":"))
         return self.request_raw(text, expect_id=id, timeout=timeout, conn=conn)
 
-    def request_raw(self, text, expect_id, timeout=None, conn=None):
+    def request_raw(self, text, expect_id, timeout=10.0, conn=None):
         """Send exact text and wait for the reply whose "id" equals expect_id
         (None matches a reply with "id": null or without "id")."""
-        if timeout is None:
-            timeout = self.reply_timeout
         timeout *= self.timeout_scale
         return self._call(self._request(text, expect_id, timeout, conn), timeout + 5)
 

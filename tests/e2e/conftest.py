@@ -234,18 +234,11 @@ def start_agent(device, request):
             assert not reports, "sanitizer report from the agent:\n" + agent.err.text()
 
 
-# Replies that wait on the device's commands (a request that sets ten UCI
-# options runs eleven of them) may take many seconds on a loaded machine,
-# under the sanitizers above all.
-REPLY_TIMEOUT = 30.0
-
-
 def device_server(device, **kw):
     """A device server listening in the device network's gateway namespace
     (the agent reaches it at device.net.gateway_ip).  It does not ping unless
     asked: the wire stays exactly what the test sends."""
     kw.setdefault("ping_interval", None)
-    kw.setdefault("reply_timeout", REPLY_TIMEOUT)
     kw.setdefault("timeout_scale", TIMEOUT_SCALE)
     return DeviceServer(host=device.net.gateway_ip, netns=device.net.gateway_ns, **kw)
 
