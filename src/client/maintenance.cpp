@@ -92,7 +92,9 @@ void dxUpdateFirmwareHandler(const cJSON *request)
     if (params == NULL)
         return;
     const char *url = jsonGetString(params, "url");
-    if (url == NULL || url[0] == '\0') {
+    /* a control character (newline, tab, ...) would end or split the
+     * firmware command line: such a URL is refused like a missing one */
+    if (!fw_url_acceptable(url)) {
         sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
         return;
     }

@@ -11,8 +11,21 @@
 
 /* ---- helpers ---- */
 
-/* The characters of a URL that get a backslash on the command line. */
-static const char kFwSpecial[] = "|&;<>$()\\\"'";
+/* The characters of a URL that get a backslash on the command line: the
+ * shell's operators, quotes and expansions, the blank (one argument), the
+ * glob characters and the comment sign. */
+static const char kFwSpecial[] = "|&;<>$()\\\"'` *?[]~#";
+
+int fw_url_acceptable(const char *url)
+{
+    if (url == NULL || url[0] == '\0')
+        return 0;
+    for (const unsigned char *p = (const unsigned char *)url; *p != '\0'; p++) {
+        if (*p < 0x20 || *p == 0x7f)
+            return 0;
+    }
+    return 1;
+}
 
 char *fw_escape_url(const char *url)
 {
@@ -35,7 +48,7 @@ char *fw_escape_url(const char *url)
 
 void fw_update(const char *url)
 {
-    if (url == NULL || url[0] == '\0') {
+    if (!fw_url_acceptable(url)) {
         printf("\nfirmware URL error!\n");
         return;
     }

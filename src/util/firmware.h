@@ -10,16 +10,21 @@
 
 /*
  * The URL escaped for the firmware command line: a backslash before each
- * of | & ; < > $ ( ) \ " ' and every other character as it is, from at
- * most FW_URL_MAX characters of url.  A new text the caller frees; NULL
- * for NULL.
+ * of | & ; < > $ ( ) \ " ' ` * ? [ ] ~ #, the blank included, and every
+ * other character as it is, from at most FW_URL_MAX characters of url, so
+ * that the tool gets the URL as one literal argument.  A new text the
+ * caller frees; NULL for NULL.
  */
 char *fw_escape_url(const char *url);
 
+/* 1 when url can go to the firmware tool: present, not empty and free of
+ * control characters (a newline or tab would end or split the command). */
+int fw_url_acceptable(const char *url);
+
 /*
  * Runs "/bin/cli.sh fwupgrade <escaped URL> " and waits for it (the tool
- * downloads, flashes and restarts the device).  An absent or empty URL is
- * reported and nothing runs.
+ * downloads, flashes and restarts the device).  A URL that is absent,
+ * empty or holds a control character is reported and nothing runs.
  */
 void fw_update(const char *url);
 

@@ -236,10 +236,10 @@ def test_firmware_without_save_says_so(device, ready):
     assert reply.raw == SUCCESS % ("fw2", MAC)
     agent.out.wait_for(re.compile(
         r"\]: No need to save configurations before firmware update\.\.\.\(Not Implement Yet!\)$"))
-    # the parentheses reach the tool escaped, as text; the blank splits it
+    # the parentheses and the blank reach the tool escaped: one argument
     assert device.wait_journal("cli.sh fwupgrade http://fw.example/VK310 (v2).bin")
     agent.out.wait_for(re.compile(
-        r'cmd = "/bin/cli\.sh fwupgrade http://fw\.example/VK310 \\\(v2\\\)\.bin " ===$'))
+        r'cmd = "/bin/cli\.sh fwupgrade http://fw\.example/VK310\\ \\\(v2\\\)\.bin " ===$'))
 
 
 def test_firmware_without_a_url_is_refused(device, ready):

@@ -10,11 +10,15 @@
  */
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "client/events.h"
 #include "client/handlers.h"
@@ -176,7 +180,14 @@ TEST(FirmwareEscape, EachSpecialCharacterGetsABackslash)
     EXPECT_STREQ("\\|\\&\\;\\<\\>\\$\\(\\)\\\\\\\"\\'", escaped);
     free(escaped);
     escaped = fw_escape_url("http://fw.example/a b`c*?#~%.bin");
-    EXPECT_STREQ("http://fw.example/a b`c*?#~%.bin", escaped);
+    EXPECT_STREQ("http://fw.example/a\\ b\\`c\\*\\?\\#\\~%.bin", escaped);
+    free(escaped);
+    escaped = fw_escape_url("http://x/`reboot`[1].bin");
+    EXPECT_STREQ("http://x/\\`reboot\\`\\[1\\].bin", escaped);
+    free(escaped);
+    /* what needs no backslash stays as it is */
+    escaped = fw_escape_url("https://fw.example:8443/VK310/fw-2.0.1_rc=1,2%20+x@y!.bin");
+    EXPECT_STREQ("https://fw.example:8443/VK310/fw-2.0.1_rc=1,2%20+x@y!.bin", escaped);
     free(escaped);
     EXPECT_EQ(nullptr, fw_escape_url(nullptr));
 }
@@ -218,6 +229,27 @@ TEST_F(Maintenance, FirmwareUpdateWithoutAUrlRunsNothing)
     fw_update(nullptr);
     fw_update("");
     EXPECT_EQ("\nfirmware URL error!\n\nfirmware URL error!\n", GetCapturedStdout());
+    EXPECT_TRUE(s_commands.empty());
+}
+
+TEST(FirmwareUrl, ControlCharactersAreRefused)
+{
+    EXPECT_TRUE(fw_url_acceptable("http://fw.example/a b`c*?#~%.bin"));
+    EXPECT_TRUE(fw_url_acceptable("http://fw.example/\xc3\xa9.bin"));
+    EXPECT_FALSE(fw_url_acceptable(nullptr));
+    EXPECT_FALSE(fw_url_acceptable(""));
+    EXPECT_FALSE(fw_url_acceptable("http://x/a.bin\nreboot"));
+    EXPECT_FALSE(fw_url_acceptable("http://x/a.bin\treboot"));
+    EXPECT_FALSE(fw_url_acceptable("http://x/a.bin\rreboot"));
+    EXPECT_FALSE(fw_url_acceptable("\x01"));
+    EXPECT_FALSE(fw_url_acceptable("http://x/\x7f"));
+}
+
+TEST_F(Maintenance, FirmwareUpdateOfAUrlWithAControlCharacterRunsNothing)
+{
+    CaptureStdout();
+    fw_update("http://x/a.bin\nreboot");
+    EXPECT_EQ("\nfirmware URL error!\n", GetCapturedStdout());
     EXPECT_TRUE(s_commands.empty());
 }
 
@@ -325,6 +357,8 @@ TEST_F(Maintenance, FirmwareUpdateWithoutSavingSaysSo)
 TEST_F(Maintenance, FirmwareUpdateRefusesAMissingEmptyOrNonTextUrl)
 {
     const char *params[] = {"{\"deviceId\":\"x\"}", "{\"deviceId\":\"x\",\"url\":\"\"}",
+                            "{\"deviceId\":\"x\",\"url\":\"http://x/a.bin\\nreboot\"}",
+                            "{\"deviceId\":\"x\",\"url\":\"http://x/a.bin\\treboot\"}",
                             "{\"deviceId\":\"x\",\"url\":5}", "{\"deviceId\":\"x\",\"url\":null}"};
     for (const char *p : params) {
         std::vector<std::string> replies = call("dxUpdateFirmware", "u", p);
@@ -589,8 +623,59 @@ TEST(RestoreAssertion, ALineThatIsNotJsonStopsTheProcessWithItsReport)
         // the emulator adds its own line about the signal)
         "^korvat-cloud: kapri_util\\.cpp:1702: restore_queue: Assertion `\\(\\(void \\*\\)0\\) != "
         "root' failed\\.\n(qemu: uncaught target signal 6 \\(Aborted\\)[^\n]*\n)?$");
-    // the process that died left the file in place
-    EXPECT_TRUE(dir.exists("recv.backup"));
+    // the process that died moved the file aside, whole, so that the next
+    // start does not stop at the same line
+    EXPECT_FALSE(dir.exists("recv.backup"));
+    ASSERT_TRUE(dir.exists("recv.backup.corrupt"));
+    EXPECT_EQ("2\n{\"jsonrpc\":\"2.0\"}\nnot json\n", dir.read("recv.backup.corrupt"));
+}
+
+TEST(RestoreAssertion, AnOlderSetAsideFileIsReplaced)
+{
+    TempDir dir;
+    dir.write("recv.backup.corrupt", "old damage\n");
+    dir.write("recv.backup", "1\n{\"a\n");
+    std::string file = dir.file("recv.backup");
+    EXPECT_DEATH(
+        {
+            JsonQueue q;
+            initQueue(&q, QUEUE_CAPACITY);
+            restore_queue(file.c_str(), &q);
+        },
+        "Assertion `\\(\\(void \\*\\)0\\) != root' failed");
+    EXPECT_FALSE(dir.exists("recv.backup"));
+    EXPECT_EQ("1\n{\"a\n", dir.read("recv.backup.corrupt"));
+}
+
+/* A read error (EIO from flash; here the error of reading a directory)
+ * ends the restore instead of reading for ever. */
+TEST(RestoreReadError, EndsTheRestore)
+{
+    TempDir dir;
+    dir.write("recv.backup/inside", "x");
+    std::string file = dir.file("recv.backup");
+    pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) {
+        JsonQueue q;
+        initQueue(&q, QUEUE_CAPACITY);
+        restore_queue(file.c_str(), &q);
+        _exit(freeSlotCount(&q) == QUEUE_CAPACITY ? 0 : 1);
+    }
+    int status = 0;
+    pid_t done = 0;
+    for (int i = 0; i < 200 * kcTestTimeScale() && done == 0; i++) {
+        done = waitpid(child, &status, WNOHANG);
+        if (done == 0)
+            usleep(50 * 1000);
+    }
+    if (done == 0) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        FAIL() << "the restore kept reading after a read error";
+    }
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
 TEST(RestoreAssertion, AnEmptyLineBeforeTheCountIsReachedStopsItToo)

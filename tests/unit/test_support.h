@@ -39,9 +39,21 @@
 
 namespace kctest {
 
-/* Polls condition every 5 ms for up to ms milliseconds; its last value. */
+/* KC_TIMEOUT_SCALE (default 1): waits for something to happen are that
+ * many times longer on a loaded machine, under the sanitizers or under
+ * emulation.  A wait that succeeds still ends as soon as it does. */
+inline int kcTestTimeScale()
+{
+    const char *text = getenv("KC_TIMEOUT_SCALE");
+    int scale = text != nullptr ? atoi(text) : 1;
+    return scale > 0 ? scale : 1;
+}
+
+/* Polls condition every 5 ms for up to ms milliseconds (times
+ * KC_TIMEOUT_SCALE); its last value. */
 inline bool waitFor(const std::function<bool()> &condition, int ms = 3000)
 {
+    ms *= kcTestTimeScale();
     for (int waited = 0; waited < ms; waited += 5) {
         if (condition())
             return true;
