@@ -34,7 +34,7 @@ static int writeSnapshot(void *context, int count, const cJSON *const *items)
         printf("Func %s: Queue is emtpy\n", "backup_queue");
         return 0;
     }
-    FILE *out = fopen(file, "w+t");
+    FILE *out = fopen(file, "w+te");
     if (out == NULL) {
         printf("Func %s: Fail To Open File %s!\n", file, "backup_queue");
         return 0;
@@ -86,13 +86,26 @@ void backup_all_queues(void)
 
 /* ---- restore ---- */
 
+/*
+ * A line that does not parse stops the process.  The file is moved aside
+ * first ("<file>.corrupt", replacing an older one): a torn write would
+ * otherwise stop every later start at the same line, and the damage stays
+ * there to be inspected.
+ */
+static void setAsideCorruptBackup(const char *file)
+{
+    char aside[512];
+    snprintf(aside, sizeof aside, "%s%s", file, BACKUP_CORRUPT_SUFFIX);
+    rename(file, aside);
+}
+
 void restore_queue(const char *file, JsonQueue *queue)
 {
     if (file == NULL || queue == NULL) {
         printf("Func %s: Queue or backup filename is NULL!\n", "restore_queue");
         return;
     }
-    FILE *in = fopen(file, "r");
+    FILE *in = fopen(file, "re");
     if (in == NULL) {
         printf("Func %s: File %s doesn't exist.\n", file, "restore_queue");
         return;
@@ -107,9 +120,14 @@ void restore_queue(const char *file, JsonQueue *queue)
     int restored = 0;
     while (!feof(in)) {
         ssize_t got = getline(&line, &size, in);
-        if (got < 0)
-            continue; /* end of file (or an error: the loop ends on feof) */
+        if (got < 0) {
+            if (ferror(in))
+                break; /* a read error (EIO from flash) ends the restore */
+            continue;  /* end of file: the loop ends on feof */
+        }
         cJSON *root = jsonParse(line);
+        if (root == NULL)
+            setAsideCorruptBackup(file);
         KC_ASSERT_AT(1702, NULL != root, "((void *)0) != root");
         KC_DEBUG_AT(1705, "produce the JSON command, line = %s\n", line);
         KC_DEBUG_AT(1706, "produceObject: start\n");

@@ -14,10 +14,16 @@ void backup_queue(JsonQueue *queue, const char *file);
 /* The four queues, in the order receive, reply, status, event. */
 void backup_all_queues(void);
 
+/* What a backup file with a line that is not JSON is renamed to (appended
+ * to its name) before the restore stops the process. */
+#define BACKUP_CORRUPT_SUFFIX ".corrupt"
+
 /* Reads file back into queue (non-blocking produce: a full queue answers
  * 10002) and removes the file.  The first line is the item count; a count
- * of 0 or below reads the file to its end.  A line that is not JSON stops
- * the process (assertion). */
+ * of 0 or below reads the file to its end; a read error ends it.  A line
+ * that is not JSON stops the process (assertion), once the file has been
+ * moved aside to its name with BACKUP_CORRUPT_SUFFIX, so that the next
+ * start runs normally. */
 void restore_queue(const char *file, JsonQueue *queue);
 /* Moves the flash copies ("/mnt/_sys1", the jffs2 partition) to /etc, then
  * restores the four files into their queues, in the order of the backup. */

@@ -220,14 +220,30 @@ def test_restored_requests_beyond_ten_are_refused_with_too_many_items(device, se
     assert all("result" in m.data for m in got[2:])
 
 
-def test_a_corrupt_backup_line_stops_the_agent(device, server, start_agent):
-    device.write_file(BACKUPS["recv"], "2\n%s\nnot json\n" % about("c1"))
+def test_a_corrupt_backup_line_stops_the_agent_once(device, server, start_agent):
+    """A torn backup file (a power cut during the copy to flash) stops the
+    first start with the assertion, but is moved aside first: the agent
+    restarted as the service manager would starts normally, answers, and
+    the damage stays there to be inspected."""
+    torn = "2\n%s\nnot json\n" % about("c1")
+    device.write_file(BACKUPS["recv"], torn)
     agent = start_agent(server.url)
     agent.expect_abort = True
     server.wait_for_connection(15)
     assert agent.wait_exit(15) == 128 + signal.SIGABRT
     assert ("korvat-cloud: kapri_util.cpp:1702: restore_queue: Assertion "
             "`((void *)0) != root' failed.") in agent.err.lines
+    assert device.read_file(BACKUPS["recv"]) is None
+    assert device.read_file(BACKUPS["recv"] + ".corrupt") == torn
+
+    # the respawn: a normal start
+    again = start_agent(server.url)
+    conn = server.wait_for_connection(15)
+    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="after", conn=conn)
+    assert reply.data["result"]["deviceId"] == MAC
+    assert again.alive()
+    assert again.err.lines == []
+    assert device.read_file(BACKUPS["recv"] + ".corrupt") == torn
 
 
 def test_the_flash_copies_are_moved_to_etc_before_the_restore(device, server, start_agent):
@@ -304,7 +320,9 @@ def test_the_timer_records_its_id_and_detects_radios_and_beta_mode(device, serve
     agent.out.wait_for(re.compile(
         r"^\[PID %d\]\[FUNC kapri_util\.cpp::timerHandler\]\[LINE 1544\]: "
         r"=== support2G=1, support5G=1$" % timer))
-    agent.out.wait_for(re.compile(r"\[LINE 1550\]: === beta_mode=1$"))
+    agent.out.wait_for(re.compile(
+        r"^\[PID %d\]\[FUNC kapri_util\.cpp::timerHandler\]\[LINE 1550\]: "
+        r"=== beta_mode=1$" % timer))
     reply = server.request("dxGetAbout", {"deviceId": MAC})
     assert reply.data["result"]["model"] == "VK310-BETA"
     journal = device.journal()
