@@ -5,8 +5,6 @@
 #ifndef KC_CLIENT_HANDLERS_H
 #define KC_CLIENT_HANDLERS_H
 
-#include <atomic>
-
 struct cJSON;
 
 typedef void (*CommandHandler)(const cJSON *request);
@@ -26,13 +24,19 @@ cJSON *initDeviceResult(const cJSON *request, cJSON **result);
 
 /*
  * The dxSetNetworkSettings reply that must leave the device before the new
- * settings are applied, or NULL.  The sending thread that writes it clears
- * it through pendingAckReplySent (the connection manager's reply-sent hook,
- * installed by main); the pointer refers to a tree the sending thread
- * deletes right after.
+ * settings are applied.  The handler sets the slot before it queues the
+ * reply; the sending thread that writes a reply with the same "id" text
+ * clears it through pendingAckReplySent (the connection manager's
+ * reply-sent hook, installed by main); a handler whose wait ends abandons
+ * it.  The slot keeps a copy of the id: the tree itself is never read
+ * through the slot, since the sending thread deletes it once sent.
  */
-extern std::atomic<cJSON *> g_pendingAckReply;
-/* 1 (and the slot cleared) when sent is the pending reply: same "id" text. */
+void setPendingAckReply(const cJSON *reply);
+/* The reply in the slot (to compare with, not to read), or NULL. */
+const cJSON *pendingAckReply(void);
+/* Empties the slot if it still holds reply. */
+void abandonPendingAckReply(const cJSON *reply);
+/* 1 (and the slot emptied) when sent has the pending reply's "id" text. */
 int pendingAckReplySent(const cJSON *sent);
 
 void dxGetAboutHandler(const cJSON *request);

@@ -9,6 +9,8 @@
 #define KC_MODULE "nimb_client.cpp"
 #include "client/handlers.h"
 
+#include <pthread.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -27,21 +29,53 @@
 
 /* ---- helpers ---- */
 
-std::atomic<cJSON *> g_pendingAckReply{nullptr};
+/* The pending slot: the reply (compared by address only, never read
+ * through: the sending thread deletes it once sent) and a copy of its "id"
+ * text, which is what a sent tree is matched against. */
+static pthread_mutex_t s_pendingLock = PTHREAD_MUTEX_INITIALIZER;
+static const cJSON *s_pendingReply = NULL;
+static std::string s_pendingId;
+
+void setPendingAckReply(const cJSON *reply)
+{
+    const char *id = jsonGetString(reply, "id");
+    pthread_mutex_lock(&s_pendingLock);
+    s_pendingReply = reply;
+    s_pendingId = id != NULL ? id : "";
+    pthread_mutex_unlock(&s_pendingLock);
+}
+
+const cJSON *pendingAckReply(void)
+{
+    pthread_mutex_lock(&s_pendingLock);
+    const cJSON *pending = s_pendingReply;
+    pthread_mutex_unlock(&s_pendingLock);
+    return pending;
+}
+
+void abandonPendingAckReply(const cJSON *reply)
+{
+    pthread_mutex_lock(&s_pendingLock);
+    if (s_pendingReply == reply) {
+        s_pendingReply = NULL;
+        s_pendingId.clear();
+    }
+    pthread_mutex_unlock(&s_pendingLock);
+}
 
 int pendingAckReplySent(const cJSON *sent)
 {
     const char *id = jsonGetString(sent, "id");
     if (id == NULL)
         return 0; /* notifications never match */
-    cJSON *pending = g_pendingAckReply;
-    if (pending == NULL)
-        return 0;
-    const char *pendingId = jsonGetString(pending, "id");
-    if (pendingId == NULL || strcmp(pendingId, id) != 0)
-        return 0;
-    g_pendingAckReply = NULL;
-    return 1;
+    pthread_mutex_lock(&s_pendingLock);
+    int match = s_pendingReply != NULL && s_pendingId == id;
+    if (match) {
+        s_pendingReply = NULL;
+        s_pendingId.clear();
+    }
+    pthread_mutex_unlock(&s_pendingLock);
+    return match;
 }
 
 /* The LAN settings as read from the running device and written to UCI. */
@@ -182,13 +216,16 @@ static int collidesWithGuestRange(const NetworkSettings *settings)
 
 /* Waits up to 10 seconds for the pending reply to leave the device; the
  * seconds waited, or -1. */
-static int waitForPendingReply(void)
+static int waitForPendingReply(const cJSON *reply)
 {
     for (int waited = 0; waited < 10; waited++) {
-        if (g_pendingAckReply.load() == NULL)
+        if (pendingAckReply() != reply)
             return waited;
         sleep(1);
     }
+    /* the wait is over: the slot no longer refers to the reply, which the
+     * sending thread deletes whenever it goes out */
+    abandonPendingAckReply(reply);
     return -1;
 }
 
@@ -293,9 +330,9 @@ void dxSetNetworkSettingsHandler(const cJSON *request)
     cJSON *result = NULL;
     cJSON *reply = initDeviceResult(request, &result);
     /* the sending thread clears the slot once this very reply is out */
-    g_pendingAckReply = reply;
+    setPendingAckReply(reply);
     writeJsonReply(reply);
-    int waited = waitForPendingReply();
+    int waited = waitForPendingReply(reply);
     if (waited < 0) {
         KC_DEBUG("dxSetNetworkSettingsHandler: reply ack message timeout!\n");
         sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);

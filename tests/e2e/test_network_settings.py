@@ -226,6 +226,9 @@ def test_a_reply_that_cannot_leave_gives_10001_and_nothing_is_applied(device, se
     # the success reply, queued first, then the refusal of the same request
     assert [m.raw for m in got] == [SUCCESS % ("cut", MAC), NOT_APPLIED % "cut"]
     assert all(m.conn is second for m in got)
+    # the wait is over: the late reply is no acknowledgement any more (the
+    # slot no longer refers to it)
+    assert agent.out.matching(r"reply ack message is sent\.$") == []
     time.sleep(0.5)
     journal = device.journal()
     assert "kapri_util.lua cloud_action_apply" not in journal

@@ -16,7 +16,7 @@
  *
  * Replies: a background thread keeps the three send queues drained while
  * the handler runs (a queue holds 10 trees, and a handler that queued more
- * would wait for room), and clears g_pendingAckReply when its reply is
+ * would wait for room), and empties the pending acknowledgement slot when its reply is
  * taken (pendingAckReplySent, the hook the sending thread runs once a tree
  * has left the device), so that a handler waiting for that goes on.  After the handler returns the
  * rest is drained here.

@@ -67,16 +67,16 @@ TEST(PendingAck, TheSlotIsClearedOnceItsReplyHasBeenSent)
     const char notice[] = "{\"jsonrpc\":\"2.0\",\"method\":\"dsEventNotifications\",\"params\":{}}";
     const char reply[] = "{\"jsonrpc\":\"2.0\",\"id\":\"41\",\"result\":{\"deviceId\":\"m\"}}";
     cJSON *pending = cJSON_Parse(reply);
-    g_pendingAckReply = pending;
+    setPendingAckReply(pending);
 
     // another reply and a notification (no "id") leave the slot alone
     sender.sendAndWait(other);
     sender.sendAndWait(notice);
-    EXPECT_EQ(pending, g_pendingAckReply.load());
+    EXPECT_EQ(pending, pendingAckReply());
 
     // the pending reply itself (the same tree, as the handler queues it)
     sender.sendAndWait(reply, nullptr);
-    EXPECT_TRUE(waitFor([] { return g_pendingAckReply.load() == nullptr; }))
+    EXPECT_TRUE(waitFor([] { return pendingAckReply() == nullptr; }))
         << "the slot was not cleared after its reply was sent";
     cJSON_Delete(pending);
 }
@@ -84,16 +84,50 @@ TEST(PendingAck, TheSlotIsClearedOnceItsReplyHasBeenSent)
 TEST(PendingAck, TheHookMatchesTheIdTextOnly)
 {
     cJSON *pending = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"7\",\"result\":{}}");
-    g_pendingAckReply = pending;
+    setPendingAckReply(pending);
     cJSON *numeric = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":7,\"result\":{}}");
     cJSON *other = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"70\",\"result\":{}}");
     cJSON *same = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"7\",\"error\":{}}");
     EXPECT_EQ(0, pendingAckReplySent(numeric));
     EXPECT_EQ(0, pendingAckReplySent(other));
-    EXPECT_EQ(pending, g_pendingAckReply.load());
+    EXPECT_EQ(pending, pendingAckReply());
     EXPECT_EQ(1, pendingAckReplySent(same));
-    EXPECT_EQ(nullptr, g_pendingAckReply.load());
+    EXPECT_EQ(nullptr, pendingAckReply());
     EXPECT_EQ(0, pendingAckReplySent(same)); // nothing pending any more
     for (cJSON *t : {pending, numeric, other, same})
         cJSON_Delete(t);
+}
+
+/* Once the handler's wait is over the slot no longer refers to its reply:
+ * the tree is deleted whenever the sending thread gets it out, and nothing
+ * may read it through the slot afterwards. */
+TEST(PendingAck, AnAbandonedSlotRefersToNothing)
+{
+    cJSON *pending = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"8\",\"result\":{}}");
+    setPendingAckReply(pending);
+    cJSON *other = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"9\",\"result\":{}}");
+    abandonPendingAckReply(other); // not the pending one: nothing changes
+    EXPECT_EQ(pending, pendingAckReply());
+    abandonPendingAckReply(pending);
+    EXPECT_EQ(nullptr, pendingAckReply());
+    // the late send of the abandoned reply is no acknowledgement any more
+    EXPECT_EQ(0, pendingAckReplySent(pending));
+    cJSON_Delete(other);
+    cJSON_Delete(pending);
+}
+
+/* The slot is matched against a copy of the id: a pending tree that is gone
+ * (deleted by the sending thread) is never read through the slot. */
+TEST(PendingAck, TheMatchNeverReadsThePendingTree)
+{
+    cJSON *pending = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"10\",\"result\":{}}");
+    setPendingAckReply(pending);
+    cJSON_Delete(pending); // the address stays in the slot, the tree is gone
+    cJSON *other = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"11\",\"result\":{}}");
+    cJSON *same = cJSON_Parse("{\"jsonrpc\":\"2.0\",\"id\":\"10\",\"result\":{}}");
+    EXPECT_EQ(0, pendingAckReplySent(other));
+    EXPECT_EQ(1, pendingAckReplySent(same));
+    EXPECT_EQ(nullptr, pendingAckReply());
+    cJSON_Delete(other);
+    cJSON_Delete(same);
 }
