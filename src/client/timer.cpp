@@ -55,7 +55,8 @@ static void detectBetaMode(void)
     if (atoi(out) == 1)
         g_betaMode = 1;
     free_shell_output(out);
-    KC_DEBUG_AT(1550, "=== beta_mode=%d\n", g_betaMode.load());
+    /* the timer's own line, whichever helper reads the setting */
+    KC_DEBUG_AS(currentThreadId(), "timerHandler", 1550, "=== beta_mode=%d\n", g_betaMode.load());
 }
 
 /* The pause flag follows "/tmp/luci_reload_cmd". */

@@ -145,9 +145,11 @@ char *uci_get(const char *path)
         printf("Error!\n");
         return NULL;
     }
-    size_t size = strlen(path) + 25;
+    char *word = shell_quote_path(path);
+    size_t size = strlen(word) + 25;
     char *cmd = static_cast<char *>(malloc(size));
-    snprintf(cmd, size, "uci get %s | tr -d '\\n'", path);
+    snprintf(cmd, size, "uci get %s | tr -d '\\n'", word);
+    free(word);
     char *value = run_shell_command(cmd, 256);
     free(cmd);
     return value;
@@ -172,10 +174,12 @@ int uci_set(const char *path, const char *value)
     /* The value reaches uci literally: inside the double quotes, " $ `
      * and \ get a backslash, so a value without them gives the command
      * line exactly as before. */
+    char *word = shell_quote_path(path);
     char *escaped = shell_escape_dquoted(value);
     char cmd[1024];
-    snprintf(cmd, sizeof cmd, "uci set %s=\"%s\"", path, escaped);
+    snprintf(cmd, sizeof cmd, "uci set %s=\"%s\"", word, escaped);
     free(escaped);
+    free(word);
     run_system_command(cmd);
     return 1;
 }
@@ -184,8 +188,10 @@ int uci_set_int(const char *path, int value)
 {
     if (path == NULL)
         return 0;
+    char *word = shell_quote_path(path);
     char cmd[1024];
-    snprintf(cmd, sizeof cmd, "uci set %s=%d", path, value);
+    snprintf(cmd, sizeof cmd, "uci set %s=%d", word, value);
+    free(word);
     run_system_command(cmd);
     return 1;
 }

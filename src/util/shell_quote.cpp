@@ -49,6 +49,21 @@ char *shell_quote(const char *text)
     return out;
 }
 
+static int isPathCharacter(unsigned char c)
+{
+    return isalnum(c) || c == '.' || c == '_' || c == '-' || c == '@' || c == '[' || c == ']';
+}
+
+char *shell_quote_path(const char *path)
+{
+    if (path == NULL)
+        return NULL;
+    int plain = path[0] != '\0';
+    for (const char *p = path; *p != '\0' && plain; p++)
+        plain = isPathCharacter((unsigned char)*p);
+    return plain ? strdup(path) : shell_quote(path);
+}
+
 char *shell_escape_dquoted(const char *text)
 {
     if (text == NULL)

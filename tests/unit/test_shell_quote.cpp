@@ -117,3 +117,44 @@ TEST(UciSet, CommandLineIsUnchangedForPlainValuesAndEscapedOtherwise)
     EXPECT_EQ(s_commands[0], "uci set system.system.SystemName=\"VK310 office\"");
     EXPECT_EQ(s_commands[1], "uci set system.system.SystemName=\"a\\\"b\\$c\\`d\\\\e'f\"");
 }
+
+TEST(ShellQuotePath, ThePathsTheAgentBuildsStayAsTheyAre)
+{
+    for (const char *path : {"system.system.SystemName", "dhcp.@dnsmasq[0].resolvfile",
+                             "ntpclient.@ntpclient[0].TimeSettingMode",
+                             "wireless.w1_index25.WLANEnable", "clientcontrol.bandsteer.enable"}) {
+        char *word = shell_quote_path(path);
+        EXPECT_STREQ(path, word);
+        free(word);
+    }
+    EXPECT_EQ(nullptr, shell_quote_path(nullptr));
+}
+
+TEST(ShellQuotePath, AnyOtherPathIsOneLiteralWord)
+{
+    for (const std::string &text : kNasty) {
+        std::string path = "wireless." + text + ".ssid";
+        char *word = shell_quote_path(path.c_str());
+        EXPECT_EQ(shellReads(word), path) << path;
+        free(word);
+    }
+    char *empty = shell_quote_path("");
+    EXPECT_STREQ("''", empty);
+    free(empty);
+}
+
+/* A section name read back from the device (a network profile pair) may
+ * hold anything: every wrapper puts its path in as one literal word. */
+TEST(UciSet, APathThatIsNoPlainPathIsQuoted)
+{
+    const ShellBackend recorder = {noPipe, noClose, recordCommand};
+    setShellBackend(&recorder);
+    s_commands.clear();
+    EXPECT_EQ(uci_set("wireless.w1_index2;touch /tmp/x.ssid", "net"), 1);
+    EXPECT_EQ(uci_set_int("wireless.$(id).WLANEnable", 1), 1);
+    EXPECT_EQ(uci_get("wireless.`id`.ssid"), SHELL_ERROR_TEXT); // no pipe: error text
+    setShellBackend(nullptr);
+    ASSERT_EQ(s_commands.size(), 2u);
+    EXPECT_EQ(s_commands[0], "uci set 'wireless.w1_index2;touch /tmp/x.ssid'=\"net\"");
+    EXPECT_EQ(s_commands[1], "uci set 'wireless.$(id).WLANEnable'=1");
+}
