@@ -16,6 +16,7 @@
 #include "sdk/sdk_private.h"
 #include "util/debug.h"
 #include "util/kapri_util.h"
+#include "util/redact.h"
 
 static ReplySentHook s_replySentHook = NULL;
 
@@ -34,13 +35,14 @@ static const char kSendColour[] = "\033[1;36m";
  * reconnection thread starts. */
 static const useconds_t kRetryPauseUs = 20 * 1000;
 
-/* Prints one frame dump; text is coloured at its "method" value. */
+/* Prints one frame dump; text is coloured at its "method" value and its
+ * secrets (Wi-Fi pass-phrases, RADIUS secrets) read "***". */
 static void printFrameDump(const char *function, const char *heading,
                            const char *text, const char *colour)
 {
-    size_t capacity = strlen(text) + 32;
-    char *copy = static_cast<char *>(malloc(capacity));
-    memcpy(copy, text, strlen(text) + 1);
+    char *shown = redact_secrets(text);
+    size_t capacity = strlen(shown) + 32;
+    char *copy = static_cast<char *>(realloc(shown, capacity));
     colour_json_value(copy, (unsigned int)capacity, "method", colour);
     char *now = get_iso_timestamp(1);
     printf("%s\n[%s][Thread][Func %s]\n%s%s\n%s\n", kDashes, now, function,

@@ -10,6 +10,7 @@
 
 #include "util/debug.h"
 #include "util/kapri_util.h"
+#include "util/redact.h"
 #include "util/radios.h"
 
 /* ---- reading and rebuilding list texts ---- */
@@ -288,9 +289,8 @@ void setWifiSecurity(const char *section, const char *encryption, const char *pa
     KC_DEBUG("w_idx=%s, security=%s, password=%s, r_server=%s, r_server_secret=%s, "
              "r_port=%d\n",
              section != NULL ? section : "(null)", encryption != NULL ? encryption : "(null)",
-             password != NULL ? password : "(null)",
-             radiusServer != NULL ? radiusServer : "(null)",
-             radiusSecret != NULL ? radiusSecret : "(null)", radiusPort);
+             secret_shown(password), radiusServer != NULL ? radiusServer : "(null)",
+             secret_shown(radiusSecret), radiusPort);
     if (section == NULL || encryption == NULL)
         return;
     setSectionOption(section, "encryption", encryption);
