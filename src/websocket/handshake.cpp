@@ -197,7 +197,11 @@ int connectWebsocket(WbsConnection *conn)
         return 0;
     }
     seedRandom((uint32_t)(time(NULL) % 874563));
-    if (!sendClientHandshake(conn))
-        return 0;
-    return readServerHandshake(conn) == 1 ? 1 : 0;
+    if (sendClientHandshake(conn) && readServerHandshake(conn) == 1)
+        return 1;
+    /* A refused upgrade (a proxy answering 503, say) ends the TLS session
+     * here: every retry would otherwise leave one behind. */
+    if (conn->useTls == 1)
+        disconnectSslSocket(&conn->tls);
+    return 0;
 }
