@@ -2,6 +2,8 @@
 #define KC_MODULE "linux/mutex.cpp"
 #include "linux/mutex.h"
 
+#include <cerrno>
+
 #include "util/debug.h"
 
 void initMutex(pthread_mutex_t *mutex)
@@ -26,6 +28,15 @@ void lockMutex(pthread_mutex_t *mutex)
 {
     int ret = pthread_mutex_lock(mutex);
     KC_ASSERT_AT(49, 0 == ret, "0==ret");
+}
+
+int trylockMutex(pthread_mutex_t *mutex)
+{
+    int ret = pthread_mutex_trylock(mutex);
+    if (ret == 0)
+        return 1;
+    KC_ASSERT(EBUSY == ret, "EBUSY == ret");
+    return 0;
 }
 
 void unlockMutex(pthread_mutex_t *mutex)

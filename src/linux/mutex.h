@@ -9,6 +9,9 @@
 void initMutex(pthread_mutex_t *mutex);
 void deleteMutex(pthread_mutex_t *mutex);
 void lockMutex(pthread_mutex_t *mutex);
+/* 1 when the mutex was taken (the calling thread may already hold it), 0
+ * when another thread holds it. */
+int trylockMutex(pthread_mutex_t *mutex);
 void unlockMutex(pthread_mutex_t *mutex);
 
 #endif

@@ -30,7 +30,9 @@ int connectSocket(const char *host, int port)
 
     int fd = -1;
     for (struct addrinfo *ai = list; ai != NULL; ai = ai->ai_next) {
-        fd = socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
+        /* close-on-exec: the commands the agent runs (and what they leave
+         * running in the background) must not hold the connection open */
+        fd = socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol);
         if (fd == -1)
             continue;
         if (connect(fd, ai->ai_addr, ai->ai_addrlen) == 0)
@@ -46,6 +48,14 @@ int connectSocket(const char *host, int port)
     int ret = setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     KC_ASSERT(-1 != ret, "-1 != ret");
     ret = setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    KC_ASSERT(-1 != ret, "-1 != ret");
+    /* A write to a peer that stopped reading gives up after the read's
+     * time-out instead of blocking for ever; a read inside the TLS layer
+     * (the rest of a record whose start arrived) is bounded the same way. */
+    struct timeval limit = {SOCKET_READ_TIMEOUT_SEC, 0};
+    ret = setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    KC_ASSERT(-1 != ret, "-1 != ret");
+    ret = setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     KC_ASSERT(-1 != ret, "-1 != ret");
     return fd;
 }

@@ -1,5 +1,7 @@
 /*
  * Blocking TCP sockets with exact-length reads bounded by a 40-second wait.
+ * Descriptors are close-on-exec; a write that cannot progress for 40
+ * seconds (a peer that stopped reading) fails instead of blocking.
  */
 #ifndef KC_LINUX_SOCKET_H
 #define KC_LINUX_SOCKET_H

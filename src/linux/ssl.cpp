@@ -5,6 +5,11 @@
 #define KC_MODULE "linux/ssl.cpp"
 #include "linux/ssl.h"
 
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <ctime>
+
 #include "linux/mutex.h"
 #include "linux/socket.h"
 #include "util/debug.h"
@@ -83,10 +88,44 @@ void disconnectSslSocket(SslSocket *s)
     unlockMutex(&s->lock);
 }
 
+/* Seconds left until deadline (monotonic), at least 0. */
+static long secondsLeft(const struct timespec *deadline)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    long left = (long)(deadline->tv_sec - now.tv_sec);
+    if (deadline->tv_nsec > now.tv_nsec)
+        left++; /* a part of a second still counts */
+    return left > 0 ? left : 0;
+}
+
+/* The read and write time-out from now on. */
+static void startDeadline(struct timespec *deadline)
+{
+    clock_gettime(CLOCK_MONOTONIC, deadline);
+    deadline->tv_sec += SOCKET_READ_TIMEOUT_SEC;
+}
+
+/* Bounds the socket calls SSL_read or SSL_write makes (the rest of a
+ * record, a full send buffer) by the time left. */
+static void limitSocketCalls(int fd, long seconds, int option)
+{
+    struct timeval limit = {seconds > 0 ? seconds : 1, 0};
+    setsockopt(fd, SOL_SOCKET, option, &limit, sizeof limit);
+}
+
+/*
+ * Reads until n bytes are in, the session ends (the count so far) or no
+ * byte has come for 40 seconds (-1): a record whose start arrived and whose
+ * rest never comes counts as silence too, so the reader never blocks inside
+ * the TLS lock for longer than that.
+ */
 int readSslSocket(SslSocket *s, void *buf, unsigned int n)
 {
     unsigned char *bytes = static_cast<unsigned char *>(buf);
     unsigned int total = 0;
+    struct timespec deadline;
+    startDeadline(&deadline);
     while (total < n) {
         lockMutex(&s->lock);
         int fd = s->fd;
@@ -94,18 +133,21 @@ int readSslSocket(SslSocket *s, void *buf, unsigned int n)
         unlockMutex(&s->lock);
         if (fd == -1)
             return (int)total;
-        if (pending == 0 && waitSocketReadable(fd, SOCKET_READ_TIMEOUT_SEC) != 1)
+        long left = secondsLeft(&deadline);
+        if (pending == 0 && (left == 0 || waitSocketReadable(fd, (int)left) != 1))
             return -1;
         lockMutex(&s->lock);
         if (s->fd == -1) {
             unlockMutex(&s->lock);
             return (int)total;
         }
+        limitSocketCalls(fd, secondsLeft(&deadline), SO_RCVTIMEO);
         int r = SSL_read(s->ssl, bytes + total, (int)(n - total));
         int e = SSL_get_error(s->ssl, r);
         unlockMutex(&s->lock);
         if (e == SSL_ERROR_NONE) {
             total += (unsigned int)r;
+            startDeadline(&deadline);
             continue;
         }
         if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE)
@@ -115,21 +157,32 @@ int readSslSocket(SslSocket *s, void *buf, unsigned int n)
     return (int)total;
 }
 
+/* Writes all n bytes, or -1 when the session ended or nothing could be
+ * written for 40 seconds (a peer that stopped reading). */
 int writeSslSocket(SslSocket *s, const void *buf, unsigned int n)
 {
     const unsigned char *bytes = static_cast<const unsigned char *>(buf);
     unsigned int written = 0;
+    struct timespec deadline;
+    startDeadline(&deadline);
     while (written < n) {
         lockMutex(&s->lock);
         if (s->fd == -1) {
             unlockMutex(&s->lock);
             return -1;
         }
+        long left = secondsLeft(&deadline);
+        if (left == 0) {
+            unlockMutex(&s->lock);
+            return -1;
+        }
+        limitSocketCalls(s->fd, left, SO_SNDTIMEO);
         int r = SSL_write(s->ssl, bytes + written, (int)(n - written));
         int e = SSL_get_error(s->ssl, r);
         unlockMutex(&s->lock);
         if (e == SSL_ERROR_NONE) {
             written += (unsigned int)r;
+            startDeadline(&deadline);
             continue;
         }
         if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE)

@@ -173,8 +173,35 @@ int wbsSendPing(WbsConnection *conn)
     return 0;
 }
 
+/*
+ * A close must never wait behind a thread that cannot progress: a sending
+ * thread blocked in a write to a peer that stopped reading holds writeLock,
+ * and under TLS a reader waiting for the rest of a record holds the TLS
+ * lock.  When either is busy, the socket is shut down first, which makes
+ * that call fail at once; the close then goes on as usual (its close frame
+ * cannot leave a socket that is shut down, and the peer was not taking it).
+ */
+static void unblockBusyConnection(WbsConnection *conn)
+{
+    int fd = conn->fd;
+    if (fd < 0 || conn->transport.read != NULL)
+        return;
+    int busy = !trylockMutex(&conn->writeLock);
+    if (!busy) {
+        if (conn->useTls == 1) {
+            busy = !trylockMutex(&conn->tls.lock);
+            if (!busy)
+                unlockMutex(&conn->tls.lock);
+        }
+        unlockMutex(&conn->writeLock);
+    }
+    if (busy)
+        shutdownSocket(fd);
+}
+
 void wbsClose(WbsConnection *conn)
 {
+    unblockBusyConnection(conn);
     lockMutex(&conn->writeLock);
     if (conn->fd == -1) {
         unlockMutex(&conn->writeLock);
