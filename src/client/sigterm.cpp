@@ -69,11 +69,10 @@ static void handleSigterm(int pid)
 {
     if (pid == s_mainProcessId) {
         KC_DEBUG_AS(pid, "kapri_sig_term", 33, "close web socket.\n");
-        if (g_wbsConnection != NULL)
-            wbsClose(g_wbsConnection);
+        closeServerConnection();
     }
     FILE *file = access("/tmp/cloud_timer_pid", F_OK) == 0
-                     ? fopen("/tmp/cloud_timer_pid", "r")
+                     ? fopen("/tmp/cloud_timer_pid", "re")
                      : NULL;
     if (file == NULL) {
         /* The arguments stand in this order in every such message. */
@@ -84,7 +83,9 @@ static void handleSigterm(int pid)
     char line[1024];
     while (fgets(line, sizeof line, file) != NULL) {
         if (atoi(line) == pid) {
-            backup_all_queues();
+            /* a hand-over: what is saved is no longer taken in this run,
+             * so nothing runs both before the stop and after the restart */
+            backup_all_queues_for_next_start();
             run_system_command("killall -9 korvat-cloud");
         }
     }

@@ -95,7 +95,7 @@ void *timerHandler(void *)
              * comes first, as when the handler ran on this thread */
             waitSigtermHandled();
             printf("[%s %d]\n", "timerHandler", 1567);
-            backup_all_queues();
+            backup_all_queues_for_next_start();
             run_system_command("killall -9 korvat-cloud");
         } else {
             printf("### Alive timer error !! ###\n");

@@ -161,6 +161,18 @@ int establishWbsConnection(void)
 }
 
 
+void closeServerConnection(void)
+{
+    if (g_wbsConnection == NULL)
+        return;
+    /* With a reconnection under way (the write side held or awaited) the
+     * connection is closed already; waiting for it could take minutes. */
+    if (!connectionTryReadLock(&s_connectionLock))
+        return;
+    wbsClose(g_wbsConnection);
+    connectionReadUnlock(&s_connectionLock);
+}
+
 void initConnection(const char *url, const char *mac, void *ignored1,
                     void *ignored2, ConnectionHook onPing,
                     ConnectionHook onClose, ConnectionHook onReconnection)

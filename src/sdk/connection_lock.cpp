@@ -41,6 +41,28 @@ void connectionReadLock(ConnectionLock *l)
     unlockMutex(&l->readerEntry);
 }
 
+int connectionTryReadLock(ConnectionLock *l)
+{
+    if (!trylockMutex(&l->readerEntry))
+        return 0;
+    if (!trywaitSemaphore(&l->readPermission)) {
+        unlockMutex(&l->readerEntry);
+        return 0;
+    }
+    lockMutex(&l->readerCount);
+    if (l->readers == 0 && !trywaitSemaphore(&l->resource)) {
+        unlockMutex(&l->readerCount);
+        postSemaphore(&l->readPermission);
+        unlockMutex(&l->readerEntry);
+        return 0;
+    }
+    l->readers++;
+    unlockMutex(&l->readerCount);
+    postSemaphore(&l->readPermission);
+    unlockMutex(&l->readerEntry);
+    return 1;
+}
+
 void connectionReadUnlock(ConnectionLock *l)
 {
     lockMutex(&l->readerCount);

@@ -56,6 +56,11 @@ int currentRetryInterval(void);
  * from the process-wide generator, and the attempt does not count. */
 unsigned int retryDelay(int interval, int *attempts);
 
+/* Closes the connection to the device server (the reconnection follows as
+ * after any close); nothing while a reconnection is under way.  Never
+ * waits behind a send that cannot progress. */
+void closeServerConnection(void);
+
 void initNimbThreads(void);
 void *queueWriter(void *queue);
 void *queueReader(void *queue);

@@ -18,6 +18,7 @@
 #include "sdk/nimb_sdk.h"
 #include "util/debug.h"
 #include "util/kapri_util.h"
+#include "util/redact.h"
 
 namespace {
 struct BackupFile {
@@ -84,6 +85,11 @@ void backup_all_queues(void)
     backupAllQueues(0);
 }
 
+void backup_all_queues_for_next_start(void)
+{
+    backupAllQueues(1);
+}
+
 /* ---- restore ---- */
 
 /*
@@ -129,7 +135,11 @@ void restore_queue(const char *file, JsonQueue *queue)
         if (root == NULL)
             setAsideCorruptBackup(file);
         KC_ASSERT_AT(1702, NULL != root, "((void *)0) != root");
-        KC_DEBUG_AT(1705, "produce the JSON command, line = %s\n", line);
+        if (g_debugFlag) {
+            char *shown = redact_secrets(line);
+            KC_DEBUG_AT(1705, "produce the JSON command, line = %s\n", shown);
+            free(shown);
+        }
         KC_DEBUG_AT(1706, "produceObject: start\n");
         produceObject(queue, root, PRODUCE_NONBLOCKING);
         KC_DEBUG_AT(1708, "produceObject: end\n");

@@ -13,6 +13,10 @@
 void backup_queue(JsonQueue *queue, const char *file);
 /* The four queues, in the order receive, reply, status, event. */
 void backup_all_queues(void);
+/* The same for a stop: the trees saved are handed over to the next start,
+ * so that this run drops them instead of taking them (none is both run or
+ * sent now and saved for later). */
+void backup_all_queues_for_next_start(void);
 
 /* What a backup file with a line that is not JSON is renamed to (appended
  * to its name) before the restore stops the process. */

@@ -83,6 +83,9 @@ struct ConnectionLock {
 void initConnectionLock(ConnectionLock *l);
 void deleteConnectionLock(ConnectionLock *l);
 void connectionReadLock(ConnectionLock *l);
+/* The read side if it can be had at once: 1 taken, 0 when a writer holds
+ * or waits for the lock (a reconnection is under way). */
+int connectionTryReadLock(ConnectionLock *l);
 void connectionReadUnlock(ConnectionLock *l);
 void connectionWriteLock(ConnectionLock *l);
 void connectionWriteUnlock(ConnectionLock *l);
