@@ -4,8 +4,8 @@
  * default, read again at every update) and starts a short-lived thread that
  * gathers the CPU figure, memory, LAN and radio counters and puts one
  * notification on the status queue.  While the web configuration reloads,
- * or while the status queue is full, a period is skipped; updates never
- * queue up behind each other.
+ * while the status queue is full, or while the last update is still being
+ * gathered, a period is skipped; updates never queue up behind each other.
  */
 #define KC_MODULE "nimb_sdk.cpp"
 #include "sdk/status_updates.h"
@@ -29,6 +29,10 @@
 #include "util/kapri_util.h"
 
 static std::atomic<int> s_statusPeriod{60};
+/* 1 while an update is being gathered: a device command that hangs (the
+ * utility script) must not leave one stalled thread, with its children,
+ * per period. */
+static std::atomic<int> s_updateInFlight{0};
 static const char *s_deviceMac = "";
 
 /* The period from UCI when it is a positive number; kept otherwise. */
@@ -109,7 +113,9 @@ int add_radio_objects(cJSON *container, const char *wifiInfo)
     return 1;
 }
 
-static void *logStatusUpdates(void *)
+/* Gathers one update and puts it on the status queue (its debug lines and
+ * assertion carry this function's name). */
+static void logStatusUpdates(void)
 {
     KC_DEBUG_AT(120, "<< pthread create and start >>\n");
     readStatusPeriod();
@@ -156,11 +162,18 @@ static void *logStatusUpdates(void *)
         /* more radios than the device can have: no update this period */
         jsonDelete(update);
         jsonDelete(root);
-        return NULL;
+        return;
     }
     jsonAddToArray(updates, update);
     writeJsonStatus(root);
     KC_DEBUG_AT(272, "<< pthread exit >>\n");
+}
+
+/* Body of the short-lived thread of one update. */
+static void *statusUpdateThread(void *)
+{
+    logStatusUpdates();
+    s_updateInFlight = 0;
     return NULL;
 }
 
@@ -180,8 +193,13 @@ void *dsLogStatusUpdatesHandler(void *)
         }
         if (freeSlotCount(&g_sendQueues[SEND_QUEUE_STATUS]) < 1)
             continue;
+        /* at most one update in flight: the period is skipped while the
+         * last one is still gathering */
+        if (s_updateInFlight.exchange(1) != 0)
+            continue;
         pthread_t thread;
-        createThread(&thread, logStatusUpdates, NULL, 1);
+        if (createThread(&thread, statusUpdateThread, NULL, 1) != 0)
+            s_updateInFlight = 0;
     }
     return NULL;
 }
