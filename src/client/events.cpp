@@ -169,7 +169,7 @@ void sendEventLog(void)
 {
     if (access(kEventFile, F_OK) != 0)
         return;
-    FILE *in = fopen(kEventFile, "r");
+    FILE *in = fopen(kEventFile, "re");
     if (in == NULL) {
         printf("Func %s: File %s doesn't exist.\n", kEventFile, "sendEventLog");
         return;
@@ -209,7 +209,7 @@ void sendStreamSysLog(int, int level, int, int)
     std::string id = logStreamId();
     if (!s_streaming || id.empty() || access(kCaptureFile, F_OK) != 0)
         return;
-    FILE *in = fopen(kCaptureFile, "r");
+    FILE *in = fopen(kCaptureFile, "re");
     if (in == NULL) {
         printf("Func %s: File %s doesn't exist.\n", kCaptureFile, "sendStreamSysLog");
         return;
