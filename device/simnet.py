@@ -29,13 +29,22 @@
 # A small holder process owns the namespaces: it forks one child per
 # namespace (each unshares its network namespace and sleeps), configures
 # them with iproute2, prints one JSON line {"device": PID, "gateway": PID,
-# ...} and lives until its standard input reaches end of file (the Python
-# API keeps a pipe open) or until it is killed (the command-line form).
-# The children die with it.
+# "holder": PID, ..., "start": {"device": T, ...}} and lives until its
+# standard input reaches end of file (the Python API keeps a pipe open) or
+# until it is killed (the command-line form).  The children die with it.
+#
+# A pid alone does not name a process for good: once the process is gone,
+# the kernel gives its id to the next process that comes.  So every pid is
+# recorded with the process's start time (Proc), and every use checks it:
+# signals go through a pidfd opened and checked first, and a namespace is
+# opened from /proc/PID/ns/net and kept by descriptor only if the process
+# is still the recorded one after the open.  DeviceNet's namespace paths
+# are those descriptors (/proc/<this process>/fd/N), never /proc/PID/ns.
 #
 #   simnet.py hold [--wan]            hold until stdin closes (for programs)
 #   simnet.py hold --detach [--wan]   hold until killed; the pids go to stdout
 import ctypes
+import errno
 import json
 import os
 import select
@@ -94,6 +103,138 @@ def in_netns(path):
 def ns_argv(path, argv):
     """argv that runs argv inside the network namespace at path."""
     return ["nsenter", "--net=" + path, "--"] + list(argv)
+
+
+# ---- recorded processes ---------------------------------------------------
+
+def proc_stat(pid):
+    """(parent pid, start time) of process pid, read from /proc/PID/stat
+    (fields 4 and 22; the start time in clock ticks after boot), or None
+    when there is no such process."""
+    try:
+        with open("/proc/%d/stat" % pid, "rb") as f:
+            data = f.read()
+        fields = data[data.rindex(b")") + 2:].split()
+        return int(fields[1]), int(fields[19])
+    except (OSError, ValueError, IndexError):
+        return None
+
+
+class StaleProcess(ProcessLookupError):
+    """The recorded process is gone: its pid is free or names another."""
+
+
+class Proc:
+    """A process recorded as (pid, start time): unlike the pid alone, the
+    pair never names another process.  Every use goes through the check."""
+
+    def __init__(self, pid, start):
+        self.pid = int(pid)
+        self.start = int(start)
+
+    @classmethod
+    def pinned(cls, pid):
+        """The process pid is now, for a pid that cannot have been
+        recycled (a child not yet reaped, the caller itself)."""
+        st = proc_stat(pid)
+        if st is None:
+            raise StaleProcess(errno.ESRCH, "no process %d" % pid)
+        return cls(pid, st[1])
+
+    def __repr__(self):
+        return "Proc(%d, %d)" % (self.pid, self.start)
+
+    def __eq__(self, other):
+        return isinstance(other, Proc) and \
+            (self.pid, self.start) == (other.pid, other.start)
+
+    def __hash__(self):
+        return hash((self.pid, self.start))
+
+    def alive(self):
+        st = proc_stat(self.pid)
+        return st is not None and st[1] == self.start
+
+    def _check(self, fd=None):
+        if not self.alive():
+            if fd is not None:
+                os.close(fd)
+            raise StaleProcess(errno.ESRCH, "process %d is gone (its pid is "
+                               "free or names another process)" % self.pid)
+        return fd
+
+    def pidfd(self):
+        """A pidfd of the recorded process (StaleProcess when gone).  It
+        names this process for good: opened first, checked after."""
+        try:
+            fd = os.pidfd_open(self.pid)
+        except ProcessLookupError:
+            raise StaleProcess(errno.ESRCH, "process %d is gone" % self.pid)
+        return self._check(fd)
+
+    def signal(self, sig):
+        """Send sig to the recorded process; False (nothing sent) when it
+        is gone, even if its pid now names another process."""
+        try:
+            fd = self.pidfd()
+        except StaleProcess:
+            return False
+        try:
+            signal.pidfd_send_signal(fd, sig)
+            return True
+        except ProcessLookupError:
+            return False
+        finally:
+            os.close(fd)
+
+    def open(self, rel, flags=os.O_RDONLY):
+        """Descriptor of /proc/PID/rel (e.g. "ns/net"), kept only when the
+        process was still the recorded one after the open."""
+        try:
+            fd = os.open("/proc/%d/%s" % (self.pid, rel), flags | os.O_CLOEXEC)
+        except FileNotFoundError:
+            raise StaleProcess(errno.ESRCH, "process %d is gone" % self.pid)
+        return self._check(fd)
+
+    def parent_is(self, ancestor, hops=4):
+        """True when ancestor (a Proc) is this process's parent or an
+        ancestor within hops generations, both being what was recorded."""
+        pid = self.pid
+        for _ in range(hops):
+            st = proc_stat(pid)
+            if st is None:
+                return False
+            if st[0] == ancestor.pid:
+                return ancestor.alive() and self.alive()
+            pid = st[0]
+        return False
+
+    def to_json(self):
+        return {"pid": self.pid, "start": self.start}
+
+    @classmethod
+    def from_json(cls, rec):
+        return cls(rec["pid"], rec["start"])
+
+
+def recorded(info, name):
+    """The Proc of info[name] in a holder's record (StaleProcess when the
+    record has no start time for it: such a record cannot be trusted)."""
+    try:
+        return Proc(info[name], info["start"][name])
+    except (KeyError, TypeError, ValueError):
+        raise StaleProcess(errno.ESRCH, "no start time recorded for %s" % name)
+
+
+def record_ok(info):
+    """True when every process of a holder's record is still the one
+    recorded."""
+    try:
+        return all(recorded(info, name).alive() for name in
+                   ("holder", "device", "gateway", "internet")
+                   if name in info)
+    except StaleProcess:
+        return False
 
 
 # ---- the holder -------------------------------------------------------------
@@ -190,6 +331,9 @@ def hold(detach=False, wan=False):
     info = {"device": children[0], "gateway": children[1], "holder": os.getpid()}
     if wan:
         info["internet"] = children[2]
+    # the children are not reaped before the holder ends: their ids are
+    # theirs until then
+    info["start"] = {name: Proc.pinned(pid).start for name, pid in info.items()}
     sys.stdout.write(json.dumps(info) + "\n")
     sys.stdout.flush()
     if detach:
@@ -238,11 +382,39 @@ class DeviceNet:
                 raise OSError("the device network could not be made")
             info = json.loads(line)
         self.info = info
-        self.device_ns = "/proc/%d/ns/net" % info["device"]
-        self.gateway_ns = "/proc/%d/ns/net" % info["gateway"]
-        self.internet_ns = ("/proc/%d/ns/net" % info["internet"]
-                            if "internet" in info else None)
+        # The namespaces, held by descriptor: opened from the recorded
+        # processes, which are checked after the open (a pid recycled since
+        # would otherwise lead into another process's namespace, the host's
+        # for one).  The paths name these descriptors, valid while this
+        # object is open, in this process and in any process it starts.
+        self._fds = {}
+        try:
+            for name in ("device", "gateway", "internet"):
+                if name in info:
+                    self._fds[name] = recorded(info, name).open("ns/net")
+        except BaseException:
+            self._close_fds()
+            self.close()
+            raise
+        self.device_ns = self._path("device")
+        self.gateway_ns = self._path("gateway")
+        self.internet_ns = self._path("internet")
         self._lock = threading.Lock()
+
+    def _path(self, name):
+        fd = self._fds.get(name)
+        return None if fd is None else "/proc/%d/fd/%d" % (os.getpid(), fd)
+
+    def _close_fds(self):
+        fds, self._fds = self._fds, {}
+        for fd in fds.values():
+            os.close(fd)
+
+    def keep_across_exec(self):
+        """Make the namespace descriptors survive an exec of this process
+        (the command line execs nsenter with these paths)."""
+        for fd in self._fds.values():
+            os.set_inheritable(fd, True)
 
     def device_argv(self, argv):
         return ns_argv(self.device_ns, argv)
@@ -268,6 +440,7 @@ class DeviceNet:
         return in_netns(self.device_ns)
 
     def close(self):
+        self._close_fds()
         holder, self._holder = self._holder, None
         if holder is not None:
             holder.stdin.close()
@@ -280,11 +453,12 @@ class DeviceNet:
 
 
 def detached_stop(info):
-    """Ends a holder started with `hold --detach`."""
+    """Ends a holder started with `hold --detach`: True when the recorded
+    holder got SIGTERM, False when it is gone (its pid is not signalled)."""
     try:
-        os.kill(info["holder"], signal.SIGTERM)
-    except (ProcessLookupError, KeyError):
-        pass
+        return recorded(info, "holder").signal(signal.SIGTERM)
+    except StaleProcess:
+        return False
 
 
 if __name__ == "__main__":
