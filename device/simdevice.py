@@ -9,11 +9,17 @@
 # reads and writes it only through safefs (no link is ever followed), keeps
 # its own control files (sandbox pid, bwrap arguments, network pids) in a
 # sibling directory the device cannot see, and runs the simulated `uci` for
-# host-side queries inside a one-shot sandbox of its own.
+# host-side queries inside a one-shot sandbox of its own.  Every sandbox
+# gets its mount sources by descriptor, opened without following links
+# (a directory of the run replaced by a link to a host directory is
+# refused), and runs as an unprivileged host user (SANDBOX_USER) that is
+# root only inside its user namespace.  Recorded pids are checked against
+# the process's start time before every use (simnet.Proc).
 import ctypes
 import fnmatch
 import json
 import os
+import pwd
 import shutil
 import signal
 import stat
@@ -91,6 +97,57 @@ def target_guest_root():
 
 MARKER = ".simdevice"
 
+# The host user every sandbox runs as (uid 0 inside its user namespace).
+SANDBOX_USER = os.environ.get("SIMDEVICE_USER", "simdevice")
+_sandbox_ids = None
+
+
+def sandbox_ids():
+    """(uid, gid) of the host user the sandboxes run as: the system user
+    SANDBOX_USER, created on first use (no home, no login shell).  It owns
+    the run directories; inside, it is root of the device's user namespace
+    and nothing more, so a host file the device reached anyhow could not be
+    written as the host's root.  A harness not run as root uses its own
+    ids."""
+    global _sandbox_ids
+    if _sandbox_ids is not None:
+        return _sandbox_ids
+    if os.geteuid() != 0:
+        _sandbox_ids = (os.geteuid(), os.getegid())
+        return _sandbox_ids
+    err = ""
+    for _ in range(50):
+        try:
+            pw = pwd.getpwnam(SANDBOX_USER)
+            break
+        except KeyError:
+            pass
+        r = subprocess.run(["useradd", "--system", "--user-group",
+                            "--no-create-home", "--home-dir", "/nonexistent",
+                            "--shell", "/usr/sbin/nologin", "--comment",
+                            "simulated device sandbox", SANDBOX_USER],
+                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                           text=True)
+        err = r.stderr.strip()
+        if r.returncode != 0:
+            time.sleep(0.1)  # another process may be creating it right now
+    else:
+        raise RuntimeError("cannot create the sandbox user %s: %s"
+                           % (SANDBOX_USER, err))
+    if pw.pw_uid == 0 or pw.pw_gid == 0:
+        raise RuntimeError("the sandbox user %s must not be root" % SANDBOX_USER)
+    _sandbox_ids = (pw.pw_uid, pw.pw_gid)
+    return _sandbox_ids
+
+
+def give_run_dir(run, always=True):
+    """Gives the run directory, and whatever the host put into it, to the
+    sandbox user (links never followed).  always=False: only when the run
+    directory itself is not the sandbox user's yet (one made before)."""
+    ids = sandbox_ids()
+    if always or os.stat(run).st_uid != ids[0]:
+        safefs.chown_tree(run, ids)
+
 
 def control_dir(run):
     """Host-only directory of a run's control files (not visible inside)."""
@@ -137,6 +194,7 @@ def create_run_dir(path=None, template=TEMPLATE):
     for name, text in files.items():
         with open(os.path.join(path, name), "x") as f:
             f.write(text)
+    give_run_dir(path)
     return path
 
 
@@ -205,14 +263,53 @@ def boot_if_rebooted(run):
     return True
 
 
-def _proc_stat_fd(run):
-    """Descriptor of RUN/proc_stat (opened without following links) for
-    the sandbox's /proc/stat, or None when the run has no such file."""
-    if not safefs.is_file(run, "proc_stat"):
-        return None
-    fd = safefs.open_file(run, "proc_stat", os.O_RDONLY)
-    os.set_inheritable(fd, True)
-    return fd
+class MountSources:
+    """Mount sources of one sandbox.  Each is checked here (a source in
+    the run directory is reached without following any link and must be
+    of the expected kind: safefs.UnsafePath otherwise) and named by a
+    staging path for bubblewrap.  The launcher (safefs.launch, root until
+    it execs bubblewrap as the sandbox user) opens them again the same way
+    and binds what it opened at those paths in a private mount namespace:
+    what is mounted is what was opened, whatever the device puts at the
+    paths meanwhile, and the sandbox user needs no access to the host
+    directories above them.  Host paths the caller gives (agent, preloads,
+    binds outside the run) are taken as they are."""
+
+    def __init__(self, run):
+        self.run = os.path.abspath(run)
+        self.specs = []
+
+    def _add(self, kind, path):
+        self.specs.append([kind, path])
+        return "%s/%d" % (safefs.STAGE, len(self.specs) - 1)
+
+    def _check(self, kind, path):
+        os.close(safefs.open_source(self.run, kind, path))
+        return self._add(kind, path)
+
+    def run_dir(self, rel=""):
+        """RUN/rel, a directory (RUN itself for "")."""
+        return self._check("dir", rel)
+
+    def run_file(self, rel):
+        """RUN/rel, a regular file."""
+        return self._check("file", rel)
+
+    def host(self, path):
+        """A host path; one inside the run directory is walked as the run's
+        own (a file or a directory, no link)."""
+        path = os.path.abspath(path)
+        if path == self.run or path.startswith(self.run + "/"):
+            return self._check("node", os.path.relpath(path, self.run))
+        return self._check("host", path)
+
+    def launcher(self, argv):
+        """argv that stages the sources and execs argv as the sandbox user
+        (run it as root, in the device's network namespace)."""
+        spec = {"run": self.run, "ids": list(sandbox_ids()),
+                "sources": self.specs, "argv": list(argv)}
+        return [PYTHON, "-S", os.path.join(DEVICE_DIR, "safefs.py"), "launch",
+                json.dumps(spec)]
 
 
 def _tool_names():
@@ -222,14 +319,16 @@ def _tool_names():
 
 def sandbox_args(run, cmd, agent=None, env=None, binds=(),
                  preload=(), hostname="VK310", info_fd=None, cwd="/",
-                 shell="busybox", proc_stat_fd=None):
+                 shell="busybox", proc_stat=False, *, sources):
     """bwrap arguments that run `cmd` as the simulated device of `run`.
     /bin/sh is BusyBox ash as on the device (shell="host": the host's).
     The network namespace is the caller's: bwrap_command joins the run's
-    device network before bwrap starts."""
+    device network before bwrap starts.  Mount sources go through
+    `sources` (MountSources), whose launcher must start these arguments.
+    proc_stat: RUN/proc_stat is the device's /proc/stat."""
     run = os.path.abspath(run)
-    a = ["--unshare-user", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
-         "--unshare-cgroup-try"]
+    a = ["--unshare-user", "--uid", "0", "--gid", "0", "--unshare-pid",
+         "--unshare-ipc", "--unshare-uts", "--unshare-cgroup-try"]
     a += ["--die-with-parent", "--new-session", "--cap-drop", "ALL",
           "--hostname", hostname]
     # Read-only host system; /bin, /sbin and friends as on the host.
@@ -258,20 +357,21 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
         if d == "bin" and shell == "busybox":
             a += ["--symlink", "%s/busybox/sh" % SIM_MOUNT, "/usr/bin/sh"]
     if agent:
-        a += ["--ro-bind", os.path.abspath(agent), AGENT_PATH]
+        a += ["--ro-bind", sources.host(agent), AGENT_PATH]
     a += ["--remount-ro", "/usr/bin", "--remount-ro", "/usr/sbin"]
-    # Device state from the run directory.
-    a += ["--ro-bind", SIM_DIR, SIM_MOUNT, "--bind", run, RUN_MOUNT,
-          "--bind", os.path.join(run, "etc"), "/etc",
-          "--bind", os.path.join(run, "tmp"), "/tmp",
-          "--bind", os.path.join(run, "mnt"), "/mnt"]
+    # Device state from the run directory, as opened by the launcher.
+    a += ["--ro-bind", sources.host(SIM_DIR), SIM_MOUNT,
+          "--bind", sources.run_dir(), RUN_MOUNT,
+          "--bind", sources.run_dir("etc"), "/etc",
+          "--bind", sources.run_dir("tmp"), "/tmp",
+          "--bind", sources.run_dir("mnt"), "/mnt"]
     # Fresh /proc, read-only, with the printk file taken from the run.
     a += ["--proc", "/proc", "--remount-ro", "/proc",
-          "--bind", os.path.join(run, "proc_printk"),
+          "--bind", sources.run_file("proc_printk"),
           "/proc/sys/kernel/printk"]
-    if proc_stat_fd is not None:
+    if proc_stat:
         # CPU times a test sets (Device.set_proc_stat)
-        a += ["--ro-bind-fd", str(proc_stat_fd), "/proc/stat"]
+        a += ["--ro-bind", sources.run_file("proc_stat"), "/proc/stat"]
     a += ["--dev", "/dev", "--tmpfs", "/run", "--tmpfs", "/var",
           "--symlink", "../run", "/var/run", "--dir", "/var/log",
           "--tmpfs", "/root"]
@@ -280,11 +380,11 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
         binds = list(binds) + [(guest, guest)]
     for src, dest, *rw in binds:
         a += ["--bind" if rw and rw[0] else "--ro-bind",
-              os.path.abspath(src), dest]
+              sources.host(src), dest]
     pre = []
     for so in preload:
         dest = "%s/%s" % (EXTRA_MOUNT, os.path.basename(so))
-        a += ["--ro-bind", os.path.abspath(so), dest]
+        a += ["--ro-bind", sources.host(so), dest]
         pre.append(dest)
     envs = {"PATH": PATH, "HOME": "/root", "TERM": "dumb", "USER": "root",
             "LOGNAME": "root", "SHELL": "/bin/sh"}
@@ -306,6 +406,7 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
     return a + ["--"] + list(cmd)
 
 
+
 def _args_fd(run, args):
     """Write the arguments NUL-separated to a file of the control directory
     and open it for bwrap's --args (keeps the long symlink list off the
@@ -318,49 +419,96 @@ def _args_fd(run, args):
     return fd
 
 
+_target_checked = False
+
+
+def _target_ready():
+    """Target mode: the guest root and the interpreter are made (fetched)
+    as root, before the sandbox user runs target/qemu-binfmt.sh."""
+    global _target_checked
+    if not _target_checked:
+        target_guest_root()
+        subprocess.run([QEMU_BINFMT, "interpreter"], check=True,
+                       stdout=subprocess.DEVNULL)
+        _target_checked = True
+
+
 def bwrap_command(run, cmd, net_ns, **kw):
     """(argv, fds) to start the sandbox in the network namespace at net_ns:
-    argv for exec/Popen, fds to pass.  The sandbox's host pid appears in
-    the control directory's bwrap-info.json once running.  When the
-    device's last session ended with `reboot`, this start is a boot
-    (boot_if_rebooted)."""
+    argv for exec/Popen, fds to pass (and close after the start).  nsenter
+    joins the network as root, then the sandbox user runs bwrap.  The
+    sandbox's host pid appears in the control directory's bwrap-info.json
+    once running.  When the device's last session ended with `reboot`,
+    this start is a boot (boot_if_rebooted).  A mount source of the run
+    directory replaced by a link (or by anything but what it was) is
+    refused: safefs.UnsafePath."""
+    run = os.path.abspath(run)
     boot_if_rebooted(run)
+    give_run_dir(run)
+    if TARGET:
+        _target_ready()
+    sources = MountSources(run)
+    args = sandbox_args(run, cmd, sources=sources,
+                        proc_stat=safefs.lexists(run, "proc_stat"), **kw)
     info = os.open(os.path.join(control_dir(run), "bwrap-info.json"),
-                   os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+                   os.O_WRONLY | os.O_CREAT | os.O_TRUNC | os.O_CLOEXEC, 0o644)
     os.set_inheritable(info, True)
-    stat_fd = _proc_stat_fd(run)
-    args = sandbox_args(run, cmd, info_fd=info, proc_stat_fd=stat_fd, **kw)
     cut = args.index("--")
-    fd = _args_fd(run, args[:cut])
+    fd = _args_fd(run, args[:cut] + ["--info-fd", str(info)])
     argv = ["bwrap", "--args", str(fd)] + args[cut:]
     if TARGET:
         argv = [QEMU_BINFMT, "run", "--"] + argv
-    fds = (fd, info) if stat_fd is None else (fd, info, stat_fd)
-    return simnet.ns_argv(net_ns, argv), fds
+    return simnet.ns_argv(net_ns, sources.launcher(argv)), (fd, info)
 
 
 def uci_sandbox_argv(run, args):
-    """argv running the simulated uci with args on the run's configuration,
-    inside a one-shot sandbox: links planted in the run directory resolve
-    inside the device's own tree, never to a host file.  Nothing is
-    journalled."""
+    """(argv, fds) running the simulated uci with args on the run's
+    configuration, inside a one-shot sandbox of the sandbox user: links
+    planted inside the run's /etc or /tmp resolve inside the device's own
+    tree, never to a host file; a mount source replaced by a link is
+    refused (safefs.UnsafePath).  Pass fds to the process (none today).
+    Nothing is journalled."""
     run = os.path.abspath(run)
-    a = ["bwrap", "--unshare-all", "--die-with-parent", "--new-session",
-         "--cap-drop", "ALL", "--ro-bind", "/usr", "/usr"]
+    give_run_dir(run, always=False)
+    a = ["bwrap", "--unshare-all", "--uid", "0", "--gid", "0",
+         "--die-with-parent", "--new-session", "--cap-drop", "ALL",
+         "--ro-bind", "/usr", "/usr"]
     for top in ("bin", "sbin", "lib", "lib32", "lib64", "libx32"):
         p = "/" + top
         if os.path.islink(p):
             a += ["--symlink", os.readlink(p), p]
         elif os.path.isdir(p):
             a += ["--ro-bind", p, p]
-    a += ["--ro-bind", SIM_DIR, SIM_MOUNT, "--bind", run, RUN_MOUNT,
-          "--bind", os.path.join(run, "etc"), "/etc",
-          "--bind", os.path.join(run, "tmp"), "/tmp",
+    sources = MountSources(run)
+    a += ["--ro-bind", sources.host(SIM_DIR), SIM_MOUNT,
+          "--bind", sources.run_dir(), RUN_MOUNT,
+          "--bind", sources.run_dir("etc"), "/etc",
+          "--bind", sources.run_dir("tmp"), "/tmp",
           "--tmpfs", "/nodelta", "--dev", "/dev", "--proc", "/proc",
           "--clearenv", "--setenv", "PATH", PATH,
           "--setenv", "SIMDEVICE_NOJOURNAL", "1", "--chdir", "/",
           "--", PYTHON, "-S", SIM_MOUNT + "/bin/uci"]
-    return a + list(args)
+    return sources.launcher(a + list(args)), ()
+
+
+LAUNCHER = "launcher.json"
+
+
+def record_launcher(run, proc):
+    """Record the process that launches the run's sandbox (a simnet.Proc)
+    in the control directory, for other processes (the command line)."""
+    path = os.path.join(control_dir(run), LAUNCHER)
+    with open(path + ".new", "w") as f:
+        json.dump(proc.to_json(), f)
+    os.replace(path + ".new", path)
+
+
+def recorded_launcher(run):
+    try:
+        with open(os.path.join(control_dir(run), LAUNCHER)) as f:
+            return simnet.Proc.from_json(json.load(f))
+    except (OSError, ValueError, KeyError, TypeError):
+        return None
 
 
 def _tgkill(tgid, tid, sig):
@@ -381,6 +529,13 @@ class Device:
         self.ctl = control_dir(self.run)
         self.keep = keep
         self.proc = None
+        # Recorded processes (simnet.Proc: pid and start time, checked at
+        # every use): the launcher start() made, the sandbox's pid 1 once
+        # seen, and the sandbox's namespaces held for exec.
+        self._launcher = None
+        self._sandbox = None
+        self._sandbox_ready_seen = False
+        self._enter = None
         self._own_net = net is None
         self.net = simnet.DeviceNet() if net is None else net
         # Multiplies the waits of wait_journal and wait_rebooted, for a slow
@@ -398,9 +553,12 @@ class Device:
         env: extra environment; preload: host paths of shared objects for
         LD_PRELOAD; binds: (host path, device path[, writable]) tuples.
         The device's network is always the run's own: peers listen on
-        self.net.gateway_ip inside self.net's gateway namespace."""
+        self.net.gateway_ip inside self.net's gateway namespace.  A mount
+        source of the run directory replaced by a link is refused
+        (safefs.UnsafePath)."""
         if self.running():
             raise RuntimeError("device already running")
+        self._forget_sandbox()
         argv, fds = bwrap_command(self.run, cmd, self.net.device_ns,
                                   agent=agent, env=env, binds=binds,
                                   preload=preload, shell=shell,
@@ -412,6 +570,9 @@ class Device:
         finally:
             for fd in fds:
                 os.close(fd)
+        # not reaped yet: the pid is the launcher's
+        self._launcher = simnet.Proc.pinned(self.proc.pid)
+        record_launcher(self.run, self._launcher)
         return self.proc
 
     def start_agent(self, agent, url, mac="00:11:22:33:44:55", debug=True,
@@ -434,44 +595,127 @@ class Device:
                 pass
         return False
 
-    def sandbox_pid(self, timeout=5.0):
-        """Host pid of the sandbox's pid 1 once the sandbox is set up (None
-        when not running)."""
+    def _launcher_proc(self):
+        """The launcher of the device's sandbox: the one start() made, or
+        the one recorded in the control directory (a device started by
+        another process, e.g. `run-device run`)."""
+        if self.proc is not None:
+            return self._launcher
+        return recorded_launcher(self.run)
+
+    def _forget_sandbox(self):
+        self._release_enter()
+        self._sandbox = None
+        self._sandbox_ready_seen = False
+        self._launcher = None
+
+    def _sandbox_proc(self, timeout=5.0):
+        """simnet.Proc of the sandbox's pid 1 once the sandbox is set up
+        (None when not running).  The pid bubblewrap reported counts only
+        while it is a child of the recorded launcher (a pid recycled since
+        is not), and is checked by its start time from then on."""
+        launcher = self._launcher_proc()
+        if launcher is None:
+            return None
         path = os.path.join(self.ctl, "bwrap-info.json")
         end = time.time() + timeout
         while True:
-            try:
-                with open(path) as f:
-                    pid = json.load(f)["child-pid"]
-                with open("/proc/%d/comm" % pid) as f:
-                    if f.read().strip() == "bwrap" and \
-                            (timeout == 0 or self._sandbox_ready(pid)):
-                        return pid
-            except (OSError, ValueError, KeyError):
-                pass
+            found = self._sandbox
+            if found is None:
+                try:
+                    with open(path) as f:
+                        pid = json.load(f)["child-pid"]
+                    st = simnet.proc_stat(int(pid))
+                    if st is not None:
+                        cand = simnet.Proc(pid, st[1])
+                        with open("/proc/%d/comm" % cand.pid) as f:
+                            comm = f.read().strip()
+                        if comm == "bwrap" and cand.parent_is(launcher):
+                            found = self._sandbox = cand
+                except (OSError, ValueError, KeyError, TypeError):
+                    pass
+            if found is not None:
+                if not found.alive():
+                    return None
+                if timeout == 0 or self._sandbox_ready_seen:
+                    return found
+                try:
+                    self._sandbox_ready_seen = self._sandbox_ready(found.pid)
+                except OSError:
+                    pass
+                if self._sandbox_ready_seen and found.alive():
+                    return found
             if self.proc is not None and self.proc.poll() is not None:
+                return None
+            if not launcher.alive():
                 return None
             if time.time() > end:
                 return None
             time.sleep(0.02)
 
+    def sandbox_pid(self, timeout=5.0):
+        """Host pid of the sandbox's pid 1 once the sandbox is set up (None
+        when not running)."""
+        found = self._sandbox_proc(timeout)
+        return None if found is None else found.pid
+
     def running(self):
         return self.proc is not None and self.proc.poll() is None
 
+    def _enter_fds(self, timeout=5.0):
+        """{namespace: fd, "root": fd} of the running sandbox, opened from
+        its pid 1 and kept only when that process was still the recorded
+        one after the opens; held until the device stops."""
+        found = self._sandbox_proc(timeout)
+        if found is None:
+            raise RuntimeError("device not running")
+        held = self._enter
+        if held is not None and held[0] == found:
+            return held[1]
+        self._release_enter()
+        fds = {}
+        try:
+            for ns in ("user", "mnt", "pid", "ipc", "uts", "net"):
+                fds[ns] = found.open("ns/" + ns)
+            fds["root"] = found.open("root", os.O_PATH)
+        except simnet.StaleProcess:
+            for fd in fds.values():
+                os.close(fd)
+            raise RuntimeError("device not running")
+        self._enter = (found, fds)
+        return fds
+
+    def _release_enter(self):
+        held, self._enter = self._enter, None
+        if held is not None:
+            for fd in held[1].values():
+                os.close(fd)
+
+    def keep_across_exec(self):
+        """Make the descriptors exec_argv's paths name survive an exec of
+        this process (the command line execs nsenter)."""
+        if self._enter is not None:
+            for fd in self._enter[1].values():
+                os.set_inheritable(fd, True)
+
     def exec_argv(self, cmd, env=None):
         """argv running cmd inside the running sandbox (same namespaces,
-        network included, and root, no capabilities)."""
-        pid = self.sandbox_pid()
-        if pid is None:
-            raise RuntimeError("device not running")
+        network included, and root, no capabilities).  The namespaces are
+        named by descriptors this object holds (/proc/<this process>/fd/N),
+        valid until the device stops."""
+        fds = self._enter_fds()
+        path = {k: "/proc/%d/fd/%d" % (os.getpid(), fd) for k, fd in fds.items()}
         envs = ["PATH=" + PATH, "HOME=/root", "TERM=dumb"]
         if TARGET:
             # a target binary started from here (the init script starting
             # the agent) finds its libraries as in the device's main process
             envs.append("QEMU_LD_PREFIX=" + target_guest_root())
         envs += ["%s=%s" % kv for kv in (env or {}).items()]
-        ns = ["-U", "-m", "-p", "-i", "-u", "-n"]
-        return (["nsenter", "-t", str(pid)] + ns + ["-r", "-w", "--",
+        ns = ["--user=" + path["user"], "--mount=" + path["mnt"],
+              "--pid=" + path["pid"], "--ipc=" + path["ipc"],
+              "--uts=" + path["uts"], "--net=" + path["net"]]
+        return (["nsenter"] + ns + ["--root=" + path["root"],
+                "--wd=" + path["root"], "--",
                 "/usr/bin/setpriv", "--bounding-set=-all", "--inh-caps=-all",
                 "--no-new-privs", "/usr/bin/env", "-i"] + envs + list(cmd))
 
@@ -486,14 +730,25 @@ class Device:
     def sh(self, script, **kw):
         return self.exec(["/bin/sh", "-c", script], **kw)
 
-    def _ns_inode(self):
-        pid = self.sandbox_pid(timeout=0)
-        return os.readlink("/proc/%d/ns/pid" % pid) if pid else None
+    def _pid_ns(self):
+        """(device, inode) of the sandbox's pid namespace, or None."""
+        if self._sandbox_proc(timeout=0) is None:
+            return None
+        try:
+            st = os.fstat(self._enter_fds(timeout=0)["pid"])
+        except RuntimeError:
+            return None
+        return st.st_dev, st.st_ino
+
+    @staticmethod
+    def _ns_of(host_pid):
+        st = os.stat("/proc/%s/ns/pid" % host_pid)
+        return st.st_dev, st.st_ino
 
     def processes(self):
         """Processes of the sandbox: dicts with pid (inside), host_pid,
         comm, cmdline and threads (list of (tid inside, host tid))."""
-        ns = self._ns_inode()
+        ns = self._pid_ns()
         out = []
         if ns is None:
             return out
@@ -501,7 +756,7 @@ class Device:
             if not d.isdigit():
                 continue
             try:
-                if os.readlink("/proc/%s/ns/pid" % d) != ns:
+                if self._ns_of(d) != ns:
                     continue
                 threads = []
                 for t in os.listdir("/proc/%s/task" % d):
@@ -543,14 +798,36 @@ class Device:
                     return p["host_pid"], host
         raise LookupError("no thread %d in the device" % tid)
 
+    def _member_pidfd(self, host_pid):
+        """pidfd of host process host_pid, kept only when the process is
+        in the sandbox's pid namespace after the pidfd was opened (so a
+        signal through it never reaches a host process)."""
+        fd = os.pidfd_open(host_pid)
+        try:
+            if self._ns_of(host_pid) != self._pid_ns():
+                raise LookupError("process %d left the device" % host_pid)
+        except BaseException:
+            os.close(fd)
+            raise
+        return fd
+
     def signal_thread(self, tid, sig=signal.SIGTERM):
         """Send sig to one thread, given by its in-sandbox thread id (e.g.
         the number the agent wrote into /tmp/cloud_timer_pid)."""
-        _tgkill(*self.host_tid(tid), sig)
+        tgid, host = self.host_tid(tid)
+        fd = self._member_pidfd(tgid)
+        try:
+            _tgkill(tgid, host, sig)
+        finally:
+            os.close(fd)
 
     def signal(self, pid, sig=signal.SIGTERM):
         """Send sig to a process given by its in-sandbox pid."""
-        os.kill(self.host_tid(pid)[0], sig)
+        fd = self._member_pidfd(self.host_tid(pid)[0])
+        try:
+            signal.pidfd_send_signal(fd, sig)
+        finally:
+            os.close(fd)
 
     def capabilities(self, pid):
         """Effective capability mask (int) of a sandbox process, read from
@@ -562,17 +839,20 @@ class Device:
                     return int(line.split()[1], 16)
         raise OSError("no CapEff")
 
+    def kill_sandbox(self):
+        """SIGKILL to the sandbox's pid 1 (everything in the device ends
+        with it), if it is still the recorded process.  True when sent."""
+        found = self._sandbox_proc(timeout=0)
+        return found is not None and found.signal(signal.SIGKILL)
+
     def stop(self, timeout=5.0):
         """Kill everything in the sandbox and reap the launcher.  Returns the
         launcher's exit status (None when nothing was started)."""
         if self.proc is None:
             return None
-        pid = self.sandbox_pid(timeout=0)
-        if pid is not None and self.proc.poll() is None:
-            try:
-                os.kill(pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
+        if self.proc.poll() is None:
+            self.kill_sandbox()
+        self._release_enter()
         try:
             self.proc.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -610,6 +890,7 @@ class Device:
 
     def close(self):
         self.stop()
+        self._release_enter()
         if self._own_net:
             self.net.close()
         if self.created and not self.keep:
@@ -682,8 +963,14 @@ class Device:
     def uci(self, *args):
         """Run the device's uci on the run directory (not journalled), in a
         one-shot sandbox of its own."""
-        return subprocess.run(uci_sandbox_argv(self.run, args), text=True,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        argv, fds = uci_sandbox_argv(self.run, args)
+        try:
+            return subprocess.run(argv, pass_fds=fds, text=True,
+                                  stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE)
+        finally:
+            for fd in fds:
+                os.close(fd)
 
     def uci_ok(self, *args):
         """uci that must succeed: its output, or an error with uci's own

@@ -141,3 +141,29 @@ def test_cli(tmp_path):
     assert r.returncode == 7
     r = subprocess.run([cli, "journal", run], capture_output=True, text=True)
     assert r.stdout == "reboot\n"
+
+
+def test_cli_exec_and_stop_reach_the_device_the_cli_started(tmp_path):
+    cli = os.path.join(os.path.dirname(__file__), "..", "..", "device",
+                       "run-device")
+    run = str(tmp_path / "dev")
+    p = subprocess.Popen([cli, run, "--", "sh", "-c", "echo up; sleep 600"],
+                         stdout=subprocess.PIPE, text=True)
+    try:
+        assert p.stdout.readline() == "up\n"
+        r = subprocess.run([cli, "exec", run, "--", "sh", "-c",
+                            "echo hi > /tmp/x; ps"],
+                           capture_output=True, text=True, timeout=30)
+        assert r.returncode == 0, r.stderr
+        assert "sleep 600" in r.stdout
+        r = subprocess.run([cli, "read", run, "/tmp/x"], capture_output=True,
+                           text=True, timeout=30)
+        assert r.stdout == "hi\n"
+        r = subprocess.run([cli, "stop", run], capture_output=True, text=True,
+                           timeout=30)
+        assert r.returncode == 0, r.stderr
+        assert p.wait(10) == 128 + 9
+    finally:
+        if p.poll() is None:
+            p.kill()
+            p.wait()
