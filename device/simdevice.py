@@ -319,13 +319,16 @@ def _tool_names():
 
 def sandbox_args(run, cmd, agent=None, env=None, binds=(),
                  preload=(), hostname="VK310", info_fd=None, cwd="/",
-                 shell="busybox", proc_stat=False, *, sources):
+                 shell="busybox", proc_stat=False, stdout_to_syslog=False,
+                 *, sources):
     """bwrap arguments that run `cmd` as the simulated device of `run`.
     /bin/sh is BusyBox ash as on the device (shell="host": the host's).
     The network namespace is the caller's: bwrap_command joins the run's
     device network before bwrap starts.  Mount sources go through
     `sources` (MountSources), whose launcher must start these arguments.
-    proc_stat: RUN/proc_stat is the device's /proc/stat."""
+    proc_stat: RUN/proc_stat is the device's /proc/stat.
+    stdout_to_syslog: cmd's output lines also go to the system log, as
+    procd's `stdout 1` / `stderr 1` do (see SYSLOG_TEE)."""
     run = os.path.abspath(run)
     a = ["--unshare-user", "--uid", "0", "--gid", "0", "--unshare-pid",
          "--unshare-ipc", "--unshare-uts", "--unshare-cgroup-try"]
@@ -403,8 +406,107 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
     a += ["--chdir", cwd]
     if info_fd is not None:
         a += ["--info-fd", str(info_fd)]
+    if stdout_to_syslog:
+        cmd = [PYTHON, "-S", "-c", SYSLOG_TEE, RUN_MOUNT + "/syslog.log"] + \
+            list(cmd)
     return a + ["--"] + list(cmd)
 
+
+# procd's `stdout 1` / `stderr 1`, as the parent of the started program
+# inside the device: every line the program prints goes to the system log
+# buffer (RUN/syslog.log, written as the device's `logger` writes it:
+# local time, host name, daemon.info for standard output, daemon.err for
+# standard error, tag NAME[PID] with the basename of argv[0] and the
+# program's pid in the device), and on to this process's own standard
+# output and error unchanged, for the caller.  It ends when the program
+# ends (with its status, or by its signal), taking what the program wrote
+# until then; signals that would end it before the program (SIGTERM at a
+# reboot, SIGINT, SIGHUP) are left to the program.
+SYSLOG_TEE = r'''
+import os, select, signal, subprocess, sys, time
+log, argv = sys.argv[1], sys.argv[2:]
+for s in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT):
+    signal.signal(s, lambda *_: None)
+try:
+    p = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                         close_fds=False)
+except OSError as e:
+    sys.stderr.write("bwrap: execvp %s: %s\n" % (argv[0], e.strerror))
+    sys.exit(1)
+tag = b"%s[%d]" % (os.fsencode(os.path.basename(argv[0])), p.pid)
+host = os.uname().nodename.encode()
+streams = {p.stdout.fileno(): [1, b"daemon.info", b""],
+           p.stderr.fileno(): [2, b"daemon.err", b""]}
+
+
+def tee(st, data):
+    while data and st[0] is not None:
+        try:
+            data = data[os.write(st[0], data):]
+        except OSError:
+            st[0] = None  # the caller stopped reading: log only
+
+
+def syslog(st, lines):
+    stamp = time.strftime("%b %e %H:%M:%S").encode()
+    text = b"".join(b"%s %s %s %s: %s\n" % (stamp, host, st[1], tag, line)
+                    for line in lines)
+    try:  # one write: a follower never sees half a line
+        fd = os.open(log, os.O_WRONLY | os.O_APPEND | os.O_CREAT, 0o644)
+        try:
+            os.write(fd, text)
+        finally:
+            os.close(fd)
+    except OSError:
+        pass
+
+
+def take(fd, data):
+    st = streams[fd]
+    if not data:
+        if st[2]:
+            syslog(st, [st[2]])
+        del streams[fd]
+        return
+    tee(st, data)
+    lines = (st[2] + data).split(b"\n")
+    st[2] = lines.pop()
+    if lines:
+        syslog(st, lines)
+
+
+ended = os.pidfd_open(p.pid)
+while streams:
+    ready = select.select(list(streams) + [ended], [], [])[0]
+    for fd in ready:
+        if fd != ended:
+            take(fd, os.read(fd, 65536))
+    if ended in ready:
+        # the program is gone: what it wrote is in the pipes; a child it
+        # left behind may hold them open, so read only what is there
+        for fd in list(streams):
+            os.set_blocking(fd, False)
+            for _ in range(64):
+                try:
+                    data = os.read(fd, 65536)
+                except BlockingIOError:
+                    data = b""
+                take(fd, data)
+                if not data:
+                    break
+            if fd in streams:
+                take(fd, b"")
+status = p.wait()
+if status < 0:  # end by the same signal, so that bwrap reports it
+    try:
+        signal.signal(-status, signal.SIG_DFL)
+    except (OSError, ValueError):
+        pass  # SIGKILL, SIGSTOP: default already
+    signal.pthread_sigmask(signal.SIG_UNBLOCK, [-status])
+    os.kill(os.getpid(), -status)
+    status = 128 - status
+sys.exit(status)
+'''
 
 
 def _args_fd(run, args):
@@ -546,12 +648,15 @@ class Device:
     def start(self, cmd, agent=None, env=None, binds=(),
               preload=(), shell="busybox", hostname="VK310",
               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-              stderr=subprocess.PIPE, **popen_kw):
+              stderr=subprocess.PIPE, stdout_to_syslog=False, **popen_kw):
         """Start cmd inside the sandbox; returns the subprocess.Popen of the
         launcher, whose exit status is that of cmd (128+n for signal n).
         agent: host path of the agent binary, /usr/bin/korvat-cloud inside.
         env: extra environment; preload: host paths of shared objects for
         LD_PRELOAD; binds: (host path, device path[, writable]) tuples.
+        stdout_to_syslog: as procd's `stdout 1` / `stderr 1`, every line
+        cmd prints also goes to the system log (daemon.info / daemon.err,
+        tag NAME[PID]); the caller still reads it on stdout / stderr.
         The device's network is always the run's own: peers listen on
         self.net.gateway_ip inside self.net's gateway namespace.  A mount
         source of the run directory replaced by a link is refused
@@ -562,7 +667,8 @@ class Device:
         argv, fds = bwrap_command(self.run, cmd, self.net.device_ns,
                                   agent=agent, env=env, binds=binds,
                                   preload=preload, shell=shell,
-                                  hostname=hostname)
+                                  hostname=hostname,
+                                  stdout_to_syslog=stdout_to_syslog)
         try:
             self.proc = subprocess.Popen(argv, pass_fds=fds, stdin=stdin,
                                          stdout=stdout, stderr=stderr,
