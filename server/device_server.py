@@ -413,15 +413,17 @@ class DeviceServer(object):
         """Send a binary frame."""
         self._call(self._send(bytes(data), conn), 10)
 
-    def next_message(self, timeout=10.0, method=None):
-        """Next unsolicited message (optionally only one with this "method");
-        others stay queued.  Raises TimeoutError."""
+    def next_message(self, timeout=10.0, method=None, predicate=None):
+        """Next unsolicited message (optionally only one with this "method",
+        or one for which predicate(message) holds); others stay queued.
+        Raises TimeoutError."""
         timeout *= self.timeout_scale
         deadline = time.monotonic() + timeout
         with self._cond:
             while True:
                 for i, msg in enumerate(self._messages):
-                    if method is None or msg.method == method:
+                    if ((method is None or msg.method == method) and
+                            (predicate is None or predicate(msg))):
                         return self._messages.pop(i)
                 left = deadline - time.monotonic()
                 if left <= 0:
@@ -1046,10 +1048,13 @@ class _Tour(object):
                      if isinstance(log, dict)]
         if [s for s in seen if s in wanted] != wanted:
             self.fail("streamed lines %r, wanted %r" % (seen, wanted))
-        mark = len(self.journal())
         self.send("dxStreamSystemLogs", {"deviceId": self.mac, "enable": False}, "17")
-        self.wait_journal(lambda line: line == "killall logread", mark, "killall logread")
-        self.say("(no reply: streaming is off; the device ran: killall logread)")
+        end = time.monotonic() + self.left(20)
+        while self.device_sh("[ -e /tmp/cloud_log_file ] && echo on || echo off").strip() != "off":
+            if time.monotonic() > end:
+                self.fail("the log capture was never stopped")
+            time.sleep(0.5)
+        self.say("(no reply: streaming is off; the agent stopped its capture and removed it)")
 
     def queued_so_far(self):
         """Requests this agent process has put into its receive queue: every

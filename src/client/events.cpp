@@ -26,6 +26,7 @@
 #include <atomic>
 
 #include "client/handlers.h"
+#include "client/log_capture.h"
 #include "client/timer.h"
 #include "json/json_parser.h"
 #include "sdk/nimb_sdk.h"
@@ -34,7 +35,10 @@
 #include "util/kapri_util.h"
 
 static const char kEventFile[] = "/tmp/cEvtLog";
-static const char kCaptureFile[] = "/tmp/cloud_log_file";
+static const char kCaptureFile[] = LOG_CAPTURE_FILE;
+/* The agent's own name: the tag of the lines that the service manager
+ * logs from its standard output ("korvat-cloud[1234]"). */
+static const char kOwnTag[] = "korvat-cloud";
 
 /* ---- helpers ---- */
 
@@ -141,6 +145,33 @@ int parse_log_line(const char *line, LogLine *out)
     return 1;
 }
 
+int log_line_is_own(const char *line)
+{
+    if (line == NULL || strlen(line) < 15)
+        return 0;
+    const char *colon = strstr(line + 14, ": ");
+    if (colon == NULL)
+        return 0;
+    /* the tag is the word just before that colon */
+    const char *tag = colon;
+    while (tag > line + 14 && tag[-1] != ' ')
+        tag--;
+    size_t n = strlen(kOwnTag);
+    if ((size_t)(colon - tag) < n || strncmp(tag, kOwnTag, n) != 0)
+        return 0;
+    const char *rest = tag + n;
+    if (rest == colon)
+        return 1;
+    /* "[pid]" */
+    if (*rest++ != '[' || rest == colon || colon[-1] != ']')
+        return 0;
+    for (const char *p = rest; p < colon - 1; p++) {
+        if (*p < '0' || *p > '9')
+            return 0;
+    }
+    return rest < colon - 1;
+}
+
 /* The ISO date and time (zone "+HH:MM") of a capture line, from date. */
 static std::string isoTimeOf(const LogLine &line)
 {
@@ -154,13 +185,6 @@ static std::string isoTimeOf(const LogLine &line)
     std::string iso = with_zone_colon(out);
     free_shell_output(out);
     return iso;
-}
-
-static void restartCapture(void)
-{
-    run_system_command("killall logread");
-    run_system_command("rm /tmp/cloud_log_file");
-    run_system_command("logread -f > /tmp/cloud_log_file&");
 }
 
 /* ---- senders ---- */
@@ -204,6 +228,48 @@ void sendEventLog(void)
     run_system_command("echo \"\" > /tmp/cEvtLog");
 }
 
+/*
+ * Where the next streamed result starts reading the capture: 0, or the
+ * position after the last line sent when a batch was cut (its lines go on
+ * at the next tick, without the wait of five).  Touched by the timer
+ * thread only.
+ */
+static long s_captureOffset = 0;
+static int s_backlog = 0;
+
+/* The streamed result's envelope: {"jsonrpc","id","stream":true,
+ * "result":{"deviceId","logs":[]}}; *logs set to the array. */
+static cJSON *streamResult(const std::string &id, cJSON **logs)
+{
+    cJSON *root = initJsonRpcObject();
+    jsonAddString(root, "id", id.c_str());
+    cJSON_AddItemToObject(root, "stream", cJSON_CreateTrue());
+    cJSON *result = jsonCreateObject();
+    jsonAddItem(root, "result", result);
+    jsonAddString(result, "deviceId", g_deviceMac);
+    *logs = jsonCreateArray();
+    jsonAddItem(result, "logs", *logs);
+    return root;
+}
+
+static cJSON *logObject(const std::string &dateTime, int level, const std::string &message)
+{
+    cJSON *log = jsonCreateObject();
+    jsonAddString(log, "dateTime", dateTime.c_str());
+    jsonAddInt(log, "level", level);
+    jsonAddString(log, "location", " ");
+    jsonAddString(log, "message", message.c_str());
+    return log;
+}
+
+static size_t printedSize(const cJSON *tree)
+{
+    char *text = jsonPrint(tree);
+    size_t size = text != NULL ? strlen(text) : 0;
+    jsonFreeText(text);
+    return size;
+}
+
 void sendStreamSysLog(int, int level, int, int)
 {
     std::string id = logStreamId();
@@ -214,33 +280,58 @@ void sendStreamSysLog(int, int level, int, int)
         printf("Func %s: File %s doesn't exist.\n", kCaptureFile, "sendStreamSysLog");
         return;
     }
-    std::vector<std::pair<std::string, std::string>> records; /* time, message */
+    /* a capture shorter than the position kept was started afresh */
+    if (s_captureOffset > 0 && (fseek(in, 0, SEEK_END) != 0 || ftell(in) < s_captureOffset))
+        s_captureOffset = 0;
+    fseek(in, s_captureOffset, SEEK_SET);
+
+    cJSON *logs = NULL;
+    cJSON *root = streamResult(id, &logs);
+    size_t size = printedSize(root);
+    int count = 0;
+    int ownLines = 0;
+    int cut = 0;
+    long consumed = s_captureOffset;
     char line[1024];
     while (fgets(line, sizeof line, in) != NULL) {
+        if (count >= STREAM_LINES_PER_TICK) {
+            cut = 1;
+            break;
+        }
         LogLine parsed;
-        if (parse_log_line(line, &parsed))
-            records.emplace_back(isoTimeOf(parsed), parsed.message);
+        if (log_line_is_own(line)) {
+            /* the agent's own output, logged by the service manager:
+             * streaming it would feed every dump back into the stream */
+            ownLines++;
+        } else if (parse_log_line(line, &parsed)) {
+            cJSON *log = logObject(isoTimeOf(parsed), level, parsed.message);
+            size_t more = printedSize(log) + (count > 0 ? 1 : 0);
+            if (count > 0 && size + more >= STREAM_MESSAGE_LIMIT) {
+                jsonDelete(log);
+                cut = 1;
+                break;
+            }
+            jsonAddToArray(logs, log);
+            size += more;
+            count++;
+        }
+        consumed = ftell(in);
     }
     fclose(in);
-    if (records.empty())
+    if (cut) {
+        s_captureOffset = consumed;
+        s_backlog = 1;
+    } else {
+        s_captureOffset = 0;
+        s_backlog = 0;
+        /* the capture restarts after every result, and when it held
+         * nothing but the agent's own lines */
+        if (count > 0 || ownLines > 0)
+            restartLogCapture();
+    }
+    if (count == 0) {
+        jsonDelete(root);
         return;
-    restartCapture();
-
-    cJSON *root = initJsonRpcObject();
-    jsonAddString(root, "id", id.c_str());
-    cJSON_AddItemToObject(root, "stream", cJSON_CreateTrue());
-    cJSON *result = jsonCreateObject();
-    jsonAddItem(root, "result", result);
-    jsonAddString(result, "deviceId", g_deviceMac);
-    cJSON *logs = jsonCreateArray();
-    jsonAddItem(result, "logs", logs);
-    for (const auto &rec : records) {
-        cJSON *log = jsonCreateObject();
-        jsonAddString(log, "dateTime", rec.first.c_str());
-        jsonAddInt(log, "level", level);
-        jsonAddString(log, "location", " ");
-        jsonAddString(log, "message", rec.second.c_str());
-        jsonAddToArray(logs, log);
     }
     writeJsonReply(root);
 }
@@ -249,10 +340,13 @@ void sendStreamSysLog(int, int level, int, int)
 
 void logStreamCheck(int tick)
 {
-    if (!s_streaming || tick % 5 != 0)
+    if (!s_streaming || (tick % 5 != 0 && !s_backlog))
         return;
     if (freeSlotCount(&g_sendQueues[SEND_QUEUE_REPLY]) < 2) {
-        restartCapture(); /* the captured lines are dropped */
+        /* the captured lines are dropped */
+        s_captureOffset = 0;
+        s_backlog = 0;
+        restartLogCapture();
         return;
     }
     sendStreamSysLog(0, 20, 0, 0);

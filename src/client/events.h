@@ -45,12 +45,25 @@ struct LogLine {
  * 0 otherwise (a line without a month name is reported in debug output). */
 int parse_log_line(const char *line, LogLine *out);
 
+/* 1 for a capture line logged from the agent's own standard output (the
+ * tag before the message is "korvat-cloud" or "korvat-cloud[PID]"): the
+ * stream leaves such lines out, or every dump of a streamed result would
+ * be streamed again. */
+int log_line_is_own(const char *line);
+
 /* "+0100" as "+01:00": ":" before the last two characters. */
 std::string with_zone_colon(const std::string &text);
 
+/* A streamed result takes at most this many capture lines, and its text
+ * stays below this many bytes (64 KiB); the lines beyond go in the next
+ * result, at the next tick. */
+#define STREAM_LINES_PER_TICK 100
+#define STREAM_MESSAGE_LIMIT 65536
+
 /* Sends the captured lines as one streamed result of the stored request
- * (blocking on the reply queue) and restarts the capture.  level is the
- * "level" of every log object; the other arguments are not used. */
+ * (blocking on the reply queue) and restarts the capture once it has been
+ * read to its end.  level is the "level" of every log object; the other
+ * arguments are not used. */
 void sendStreamSysLog(int ignored1, int level, int ignored2, int ignored3);
 
 /* ---- streaming state, set by "dxStreamSystemLogs" ---- */

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "client/handlers.h"
+#include "client/log_capture.h"
 #include "client/sigterm.h"
 #include "client/timer.h"
 #include "linux/thread.h"
@@ -76,6 +77,7 @@ int main(int argc, char **argv)
     startSigtermHandling(currentThreadId());
     system("echo 0 > /tmp/cloud_conn_state");
     load_settings_to_globals();
+    stopLeftoverLogCapture();
 
     setReplySentHook(pendingAckReplySent);
     setMaintenanceTimer(timerHandler);

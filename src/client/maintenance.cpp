@@ -21,6 +21,7 @@
 
 #include "client/error_reply.h"
 #include "client/events.h"
+#include "client/log_capture.h"
 #include "json/json_parser.h"
 #include "sdk/nimb_sdk.h"
 #include "sdk/queue_backup.h"
@@ -30,8 +31,6 @@
 #include "util/kapri_util.h"
 
 /* ---- helpers ---- */
-
-static const char kLogCapture[] = "/tmp/cloud_log_file";
 
 /* Queues {"jsonrpc","id","result":{"deviceId":MAC}}. */
 static void replyDeviceId(const cJSON *request)
@@ -56,21 +55,6 @@ static std::string streamIdText(const cJSON *request)
     std::string copy = text != NULL ? text : "";
     jsonFreeText(text);
     return copy;
-}
-
-/* A background follower of the system log fills the capture afresh. */
-static void startLogCapture(void)
-{
-    run_system_command("killall logread");
-    if (access(kLogCapture, F_OK) == 0)
-        run_system_command("rm /tmp/cloud_log_file");
-    run_system_command("logread -f > /tmp/cloud_log_file&");
-}
-
-static void stopLogCapture(void)
-{
-    run_system_command("killall logread");
-    run_system_command("rm /tmp/cloud_log_file");
 }
 
 /* ---- handlers ---- */

@@ -194,13 +194,17 @@ FAILURE_TAIL = 150
 
 @pytest.fixture
 def start_agent(device, request):
-    """start_agent(url, debug=True, mac=MAC, args=None, fastsleep=False, env=None)
+    """start_agent(url, debug=True, mac=MAC, args=None, fastsleep=False, env=None,
+                   stdout_to_syslog=False)
 
+    stdout_to_syslog: the agent's output also goes to the device's system
+    log, as the service manager sends it there on the device.
     When the test fails, the end of each agent's output is printed (pytest
     shows it under the teardown's captured output)."""
     started = []
 
-    def start(url=None, debug=True, mac=MAC, args=None, fastsleep=False, env=None):
+    def start(url=None, debug=True, mac=MAC, args=None, fastsleep=False, env=None,
+              stdout_to_syslog=False):
         env = dict(env or {})
         preload = []
         if fastsleep:
@@ -212,7 +216,8 @@ def start_agent(device, request):
             cmd = ["/usr/bin/korvat-cloud"] + (["-d"] if debug else []) + [url, mac]
         else:
             cmd = ["/usr/bin/korvat-cloud"] + list(args)
-        proc = device.start(cmd, agent=AGENT, env=env, preload=preload)
+        proc = device.start(cmd, agent=AGENT, env=env, preload=preload,
+                            stdout_to_syslog=stdout_to_syslog)
         agent = Agent(device, proc)
         started.append(agent)
         return agent

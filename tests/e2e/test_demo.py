@@ -225,7 +225,7 @@ def check_telemetry(out):
                        line % "and a third"))
     out.next('[server] --> {"jsonrpc":"2.0","id":"17","method":"dxStreamSystemLogs",'
              '"params":{"deviceId":"%s","enable":false}}' % DEMO_MAC)
-    out.next("[server] (no reply: streaming is off; the device ran: killall logread)")
+    out.next("[server] (no reply: streaming is off; the agent stopped its capture and removed it)")
 
 
 def check_reset(out):

@@ -371,12 +371,20 @@ TEST_F(Maintenance, FirmwareUpdateRefusesAMissingEmptyOrNonTextUrl)
 /* ---- dxStreamSystemLogs ---- */
 
 namespace {
+/* Stops the follower the agent started, and no other: the id it kept,
+ * checked to still be a logread. */
+const char kStopOwnCapture[] =
+    "pid=$(cat /tmp/cloud_logread_pid 2>/dev/null); "
+    "[ -n \"$pid\" ] && [ \"$(cat /proc/$pid/comm 2>/dev/null)\" = logread ] && kill $pid; "
+    "rm -f /tmp/cloud_logread_pid";
+const char kStartCapture[] = "logread -f > /tmp/cloud_log_file& echo $! > /tmp/cloud_logread_pid";
+
 std::vector<std::string> startCommands(void)
 {
-    std::vector<std::string> cmds = {"killall logread"};
+    std::vector<std::string> cmds = {kStopOwnCapture};
     if (access(kCapture, F_OK) == 0)
         cmds.push_back("rm /tmp/cloud_log_file");
-    cmds.push_back("logread -f > /tmp/cloud_log_file&");
+    cmds.push_back(kStartCapture);
     return cmds;
 }
 } // namespace
@@ -399,7 +407,7 @@ TEST_F(Maintenance, StreamingOffStopsTheCapture)
     std::vector<std::string> replies =
         call("dxStreamSystemLogs", "off", "{\"deviceId\":\"x\",\"enable\":false}");
     EXPECT_TRUE(replies.empty());
-    EXPECT_EQ((std::vector<std::string>{"killall logread", "rm /tmp/cloud_log_file"}), texts());
+    EXPECT_EQ((std::vector<std::string>{kStopOwnCapture, "rm /tmp/cloud_log_file"}), texts());
     EXPECT_EQ(0, logStreaming());
     EXPECT_EQ("off", logStreamId());
 }
