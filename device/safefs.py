@@ -271,12 +271,11 @@ def copy_in(root, rel, src, mode=None):
 # and execs bubblewrap, which binds the staged paths: what is mounted is
 # what was opened.
 #
-#   safefs.py launch SPEC     SPEC: JSON {"run": RUN, "ids": [UID, GID],
-#                             "sources": [[KIND, PATH], ...], "argv": [...]};
-#                             source i is staged at STAGE/i.  KIND: "dir",
-#                             "file" (RUN-relative), "node" (RUN-relative,
-#                             file or directory), "host" (a host path the
-#                             caller chose, opened as it is)
+#   safefs.py launch RUN UID GID N KIND PATH ... -- ARGV...
+#       N sources as KIND PATH pairs, source i staged at STAGE/i.  KIND:
+#       "dir", "file" (RUN-relative), "node" (RUN-relative, file or
+#       directory), "host" (a host path the caller chose, opened as it is).
+#       ARGV is then executed as UID:GID.
 
 STAGE = "/tmp/.simdevice-stage"
 _CLONE_NEWNS = 0x00020000
@@ -294,6 +293,25 @@ def open_source(run, kind, path):
     if kind == "host":
         return os.open(path, os.O_PATH | os.O_CLOEXEC)
     raise ValueError("unknown mount source kind %r" % kind)
+
+
+def launch_argv(python, run, ids, sources, argv):
+    """The launcher's command line (see above)."""
+    out = [python, "-S", os.path.abspath(__file__), "launch", run,
+           str(ids[0]), str(ids[1]), str(len(sources))]
+    for kind, path in sources:
+        out += [kind, path]
+    return out + ["--"] + list(argv)
+
+
+def _parse_launch(args):
+    run, uid, gid, n = args[0], int(args[1]), int(args[2]), int(args[3])
+    pairs = args[4:4 + 2 * n]
+    if args[4 + 2 * n] != "--":
+        raise ValueError("malformed launch arguments")
+    return {"run": run, "ids": (uid, gid),
+            "sources": list(zip(pairs[0::2], pairs[1::2])),
+            "argv": args[5 + 2 * n:]}
 
 
 def launch(spec):
@@ -334,15 +352,15 @@ def launch(spec):
 
 
 if __name__ == "__main__":
-    import json
     import sys
-    if len(sys.argv) == 3 and sys.argv[1] == "launch":
+    if len(sys.argv) > 6 and sys.argv[1] == "launch":
         try:
-            launch(json.loads(sys.argv[2]))
+            launch(_parse_launch(sys.argv[2:]))
         except UnsafePath as e:
             sys.stderr.write("simdevice: %s\n" % e.strerror)
         except OSError as e:
             sys.stderr.write("simdevice: cannot start the sandbox: %s\n" % e)
         sys.exit(1)
-    sys.stderr.write("usage: safefs.py launch SPEC\n")
+    sys.stderr.write("usage: safefs.py launch RUN UID GID N KIND PATH ... "
+                     "-- ARGV...\n")
     sys.exit(2)

@@ -306,10 +306,8 @@ class MountSources:
     def launcher(self, argv):
         """argv that stages the sources and execs argv as the sandbox user
         (run it as root, in the device's network namespace)."""
-        spec = {"run": self.run, "ids": list(sandbox_ids()),
-                "sources": self.specs, "argv": list(argv)}
-        return [PYTHON, "-S", os.path.join(DEVICE_DIR, "safefs.py"), "launch",
-                json.dumps(spec)]
+        return safefs.launch_argv(PYTHON, self.run, sandbox_ids(),
+                                  self.specs, argv)
 
 
 def _tool_names():
