@@ -67,6 +67,10 @@ class HostGuard:
     def __init__(self, device=None, decoys=("korvat-cloud",),
                  tmp_names=DEVICE_TMP_NAMES):
         self.device = device
+        # The sandbox user is created on first use (/etc/passwd changes
+        # then): before the snapshot, not during the guarded run.
+        import simdevice
+        simdevice.sandbox_ids()
         self.decoy_dir = tempfile.mkdtemp(prefix="hostguard-")
         self.decoys = {}
         for name in decoys:
