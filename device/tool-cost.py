@@ -9,7 +9,7 @@ times over.  A call's cost is user+system time of everything it takes:
   (the shell of the command line, the tool, the rest of the pipeline),
   read with wait4() on the host, less the same loop with `:` as the
   command (entering the device and the loop itself);
-- the tool server's side, when the device has one (README "Tool cost"):
+- the tool server's side, when the device has one (README, "Tool cost"):
   user+system time of the device's tool servers and of the processes they
   waited for, read from /proc/PID/stat on the host before and after the
   loop.
@@ -19,7 +19,10 @@ upnpc.http.enable` (alone and as the maintenance timer runs it every
 second) and the nine of a status update.  Prints the median over the
 runs; judges nothing.
 
-    device/tool-cost.py [--calls N] [--runs R]
+    device/tool-cost.py [--calls N] [--runs R] [--direct]
+
+--direct runs every tool as its own Python program (SIMDEVICE_TOOLSERVER=0,
+no tool server), as every call ran before the server.
 """
 import argparse
 import os
@@ -81,6 +84,10 @@ def measure(device, lines, calls, runs, env):
     """{line: [(caller ms, server ms, wall ms) per call, one per run]}"""
     rows = {line: [] for line in lines}
     for line in lines:  # warm-up: the server starts, caches fill
+        r = device.exec(["/bin/sh", "-c", line], env=env)
+        if r.returncode != 0 or not r.stdout.strip() or r.stderr:
+            raise RuntimeError("%r: status %d, output %r, errors %r"
+                               % (line, r.returncode, r.stdout, r.stderr))
         run_loop(device, line, 2, env)
     for _ in range(runs):
         base = run_loop(device, ":", calls, env)
@@ -98,15 +105,17 @@ def main():
                     help="calls of each command per loop (default 20)")
     ap.add_argument("--runs", type=int, default=5,
                     help="loops of each command (default 5); medians print")
+    ap.add_argument("--direct", action="store_true",
+                    help="no tool server: every tool a Python program")
     args = ap.parse_args()
-    env = None
+    env = {"SIMDEVICE_TOOLSERVER": "0"} if args.direct else None
     tick = [line for line, when in TICK_COMMANDS if when == "closed"]
     lines = [UCI_GET] + tick + STATUS_COMMANDS
     with open("/proc/loadavg") as f:
         load = " ".join(f.read().split()[:3])
-    print("tool cost, %s, %s, %d cores, load average %s"
+    print("tool cost, %s, %s, %d cores, load average %s%s"
           % (time.strftime("%Y-%m-%d %H:%M"), platform.node(),
-             os.cpu_count(), load))
+             os.cpu_count(), load, ", direct" if args.direct else ""))
     print("median ms per call over %d loops of %d calls" % (args.runs,
                                                            args.calls))
     with Device() as dev:

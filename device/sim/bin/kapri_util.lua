@@ -1,4 +1,13 @@
-#!/usr/bin/python3 -S
+#!/usr/bin/busybox sh
+''':'
+# Shell first: inside a device the call goes through the compiled front
+# end to the device's warm tool server (device/README.md, "Tool cost");
+# elsewhere Python runs this file.
+F=/simrun/.simtools/bin/${0##*/}
+[ -x "$F" ] && exec -a /usr/bin/python3 "$F" -S "$0" "$@"
+[ -r /simdevice/lib/toolfront.sh ] && . /simdevice/lib/toolfront.sh
+exec /usr/bin/python3 -S "$0" "$@"
+'''
 # Platform utility script of the simulated device (installed as
 # /usr/sbin/kapri_util.lua).  Each sub-command is journalled; its answer
 # can be replaced per run with RUN/sim/kapri_util/<sub>[_args].out (or .sh;

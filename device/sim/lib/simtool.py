@@ -1,4 +1,13 @@
-#!/usr/bin/python3 -S
+#!/usr/bin/busybox sh
+''':'
+# Shell first: inside a device the call goes through the compiled front
+# end to the device's warm tool server (device/README.md, "Tool cost");
+# elsewhere Python runs this file.
+F=/simrun/.simtools/bin/${0##*/}
+[ -x "$F" ] && exec -a /usr/bin/python3 "$F" -S "$0" "$@"
+[ -r /simdevice/lib/toolfront.sh ] && . /simdevice/lib/toolfront.sh
+exec /usr/bin/python3 -S "$0" "$@"
+'''
 # Multi-call program behind the simulated device tools (sntool, ifconfig, ip,
 # free, top, reboot, killall, logread, logger, mount, umount, date, ps, ...).
 # The tool is chosen by the name it was started under; every call appends one

@@ -1,0 +1,38 @@
+# Sourced by the shell header of the device's tools (simtool.py, uci,
+# kapri_util.lua) when the run directory has no front end of the tool yet
+# (device/README.md, "Tool cost").  Inside a device it builds the front end
+# (toolfront.c) with the host's C compiler into /simrun/.simtools, once per
+# run directory and again when the source changes, and runs the call
+# through it.  Without a compiler the call runs as its own Python program
+# under the tool's name.  Outside a device, or with SIMDEVICE_RUN set, it
+# returns and the header runs Python itself.
+if [ -z "$SIMDEVICE_RUN" ] && [ -d /simrun ] && [ -d /simdevice/bin ] &&
+   mkdir -p /simrun/.simtools/bin /simrun/.simtools/py 2>/dev/null; then
+  _t=/simrun/.simtools
+  _f=${0##*/}
+  # the tool's names: its front end, and python3 for running it directly
+  [ -L "$_t/py/$_f" ] || ln -s /usr/bin/python3 "$_t/py/$_f" 2>/dev/null
+  [ -L "$_t/bin/$_f" ] || ln -s ../front "$_t/bin/$_f" 2>/dev/null
+  if [ "$SIMDEVICE_TOOLSERVER" != 0 ] && [ ! -x "$_t/front" ] &&
+     [ -x /usr/bin/cc ] && [ -x /usr/bin/flock ]; then
+    # one build at a time; a call that waited finds it done
+    /usr/bin/flock "$_t/build.lock" /usr/bin/busybox sh -c '
+      t=$1
+      [ -x "$t/front" ] && exit 0
+      key=$(stat -c %s:%Y:%i /simdevice/lib/toolfront.c) || exit 1
+      for static in -static ""; do
+        TMPDIR=$t /usr/bin/cc -O2 $static -DSOURCE_KEY="\"$key\"" \
+            -o "$t/front.$$" /simdevice/lib/toolfront.c \
+            2>>"$t/build.log" && mv -f "$t/front.$$" "$t/front" && exit 0
+      done
+      rm -f "$t/front.$$"
+      exit 1' sh "$_t"
+  fi
+  if [ -x "$_t/bin/$_f" ]; then
+    exec -a /usr/bin/python3 "$_t/bin/$_f" -S "$0" "$@"
+  fi
+  if [ -x "$_t/py/$_f" ]; then
+    exec -a /usr/bin/python3 "$_t/py/$_f" -S "$0" "$@"
+  fi
+fi
+return 0

@@ -1,0 +1,396 @@
+# Tool server of a simulated device (device/README.md, "Tool cost").
+#
+# A warm Python with the tools' modules loaded, started on demand inside
+# the device by the first tool call (toolfront.c) and living as long as the
+# device.  Each call arrives on its Unix socket from a front end: the
+# script as Python was asked to run it, its arguments, the caller's
+# environment, umask, nice value, signal mask and ignored signals, and as
+# descriptors the caller's working directory and standard input, output
+# and error.  The server forks a worker that becomes the process Python
+# would have started -- those descriptors as 0, 1 and 2, that directory,
+# that environment (with the changes Python's own start makes to it),
+# sys.argv, sys.path and standard streams as Python sets them up -- and
+# runs the script as __main__, with Python's exit handling (SystemExit,
+# tracebacks, flushing the streams).  The server answers the worker's pid
+# at once and its wait status when it ends.
+#
+# The worker's end of the socket signals it (SIGIO, whose default action
+# ends the process) when the front end is gone, so a killed front end takes
+# its worker with it at once, even after the worker exec'd a BusyBox applet.
+#
+#     python3 -S toolserver.py SOCKET READY_FD
+import gc
+import os
+import select
+import selectors
+import signal
+import socket
+import struct
+import sys
+import time
+import types
+
+# What the tools load, loaded once here (the workers inherit it).
+import fcntl  # noqa: F401
+import io
+import json  # noqa: F401
+import importlib.machinery
+
+LIB = os.path.dirname(os.path.realpath(__file__))
+sys.path.insert(0, LIB)
+import simcommon  # noqa: E402,F401
+import ucilib  # noqa: E402,F401
+import apmodel  # noqa: E402,F401
+
+MAGIC = b"KTF1"
+HEAD = struct.Struct("=4s8Q")
+INT = struct.Struct("=i")
+STDIO = (("<stdin>", "r"), ("<stdout>", "w"), ("<stderr>", "w"))
+# sys.path after its first entry (the script's directory), as Python -S
+# sets it up: the standard library.
+BASE_PATH = [p for p in sys.path if p != LIB]
+
+
+def initial_environment():
+    """This process's environment as it was exec'd (entries, in order)."""
+    try:
+        with open("/proc/self/environ", "rb") as f:
+            return f.read().split(b"\0")[:-1]
+    except OSError:
+        return None
+
+
+def startup_env_changes(initial):
+    """{name: value} that this Python's own start set in its environment
+    (the locale coercion's LC_CTYPE=C.UTF-8): the initial environment
+    against os.environ."""
+    orig = {}
+    for entry in initial or ():
+        k, eq, v = entry.partition(b"=")
+        if eq:
+            orig.setdefault(k, v)
+    return {k: v for k, v in os.environb.items() if orig.get(k) != v}
+
+
+INITIAL_ENV = initial_environment()
+ENV_CHANGES = startup_env_changes(INITIAL_ENV)
+SERVER_STDIO = (sys.__stdin__, sys.__stdout__, sys.__stderr__)
+
+
+def localtime_key():
+    try:
+        st = os.stat("/etc/localtime")
+        return st.st_ino, st.st_size, st.st_mtime_ns
+    except OSError:
+        return None
+
+
+time.tzset()
+SERVER_TZ = (os.environb.get(b"TZ"), localtime_key())
+
+
+class Script:
+    """A tool script compiled once per path as called (the file name in
+    tracebacks), with the directory Python puts first on sys.path."""
+    cache = {}
+
+    @classmethod
+    def get(cls, path):
+        real = os.path.realpath(path)
+        try:
+            st = os.stat(real)
+        except OSError:
+            return None
+        key = (path, st.st_mtime_ns, st.st_size, st.st_ino)
+        got = cls.cache.get(path)
+        if got is None or got.key != key:
+            try:
+                with open(real, "rb") as f:
+                    source = f.read()
+                code = compile(source, path, "exec", dont_inherit=True)
+            except (OSError, SyntaxError, ValueError):
+                return None
+            got = cls(key, code, os.path.dirname(real))
+            cls.cache[path] = got
+        return got
+
+    def __init__(self, key, code, path0):
+        self.key, self.code, self.path0 = key, code, path0
+
+
+def read_request(conn):
+    """(fields, strings, fds) of one call, or None when it is malformed."""
+    conn.settimeout(10)
+    data, fds, _, _ = socket.recv_fds(conn, 1 << 16, 4)
+    while len(data) < HEAD.size:
+        more = conn.recv(1 << 16)
+        if not more:
+            break
+        data += more
+    if len(data) < HEAD.size:
+        return None, fds
+    magic, length, argc, envc, umask, nice, ign, blk, mask = \
+        HEAD.unpack_from(data)
+    total = HEAD.size + length
+    while len(data) < total:
+        more = conn.recv(min(1 << 20, total - len(data)))
+        if not more:
+            break
+        data += more
+    conn.settimeout(None)
+    if magic != MAGIC or len(data) != total:
+        return None, fds
+    strings = data[HEAD.size:].split(b"\0")[:-1]
+    if len(strings) != argc + envc or argc < 1 or \
+            len(fds) != bin(mask).count("1"):
+        return None, fds
+    nice = nice - (1 << 64) if nice >= 1 << 63 else nice
+    return (strings[:argc], strings[argc:], umask, nice, ign, blk, mask), fds
+
+
+def bits(mask):
+    return [n + 1 for n in range(64) if mask >> n & 1]
+
+
+def set_up_worker(conn, req, fds):
+    """Turn this forked process into the caller's tool process."""
+    argv, env, umask, nice, ign, blk, mask = req
+    c = conn.fileno()
+    # The front end's end closing signals this process: SIGIO, whose
+    # action is the default one here (the front end started the server so)
+    fcntl.fcntl(c, fcntl.F_SETOWN, os.getpid())
+    fcntl.fcntl(c, fcntl.F_SETFL, fcntl.fcntl(c, fcntl.F_GETFL) | os.O_ASYNC)
+    p = select.poll()
+    p.register(c, select.POLLIN)
+    if p.poll(0):  # gone already
+        os.kill(os.getpid(), signal.SIGIO)
+    it = iter(fds)
+    cwd = next(it) if mask & 8 else None
+    for fd in range(3):
+        if mask >> fd & 1:
+            os.dup2(next(it), fd)
+        else:
+            try:
+                os.close(fd)
+            except OSError:
+                pass
+    if cwd is not None:
+        os.fchdir(cwd)
+    # every descriptor of the server (and the received ones) but the socket
+    os.closerange(3, c)
+    os.closerange(c + 1, 1 << 20)
+    os.umask(umask)
+    try:
+        os.setpriority(os.PRIO_PROCESS, 0, nice)
+    except OSError:
+        pass
+    for sig in bits(ign):
+        if sig not in (signal.SIGKILL, signal.SIGSTOP, signal.SIGIO):
+            try:
+                signal.signal(sig, signal.SIG_IGN)
+            except (OSError, ValueError):
+                pass
+    signal.pthread_sigmask(signal.SIG_SETMASK,
+                           [s for s in bits(blk) if s != signal.SIGIO])
+    set_environment(env)
+    # standard streams as Python sets them up
+    for fd, (name, mode) in enumerate(STDIO):
+        stream = open_stdio(fd, name, mode) if mask >> fd & 1 else None
+        setattr(sys, ("stdin", "stdout", "stderr")[fd], stream)
+        setattr(sys, ("__stdin__", "__stdout__", "__stderr__")[fd], stream)
+
+
+def set_environment(env):
+    """The caller's environment, with the changes Python's start makes to
+    it (ENV_CHANGES); then the time zone of it.  Only what differs from
+    this process's environment is changed."""
+    if env != INITIAL_ENV:
+        want = {}
+        for entry in env:
+            k, eq, v = entry.partition(b"=")
+            if eq and k not in want:
+                want[k] = ENV_CHANGES.get(k, v)
+        for k, v in ENV_CHANGES.items():
+            want.setdefault(k, v)
+        have = os.environb
+        for k in [k for k in have if k not in want]:
+            del have[k]
+        for k, v in want.items():
+            if have.get(k) != v:
+                have[k] = v
+    # the C library's zone (localtime_r keeps what it read last) and
+    # time.timezone and friends, as a fresh Python has them
+    if os.environb.get(b"TZ") != SERVER_TZ[0] or \
+            localtime_key() != SERVER_TZ[1]:
+        time.tzset()
+
+
+def open_stdio(fd, name, mode):
+    """A standard stream as Python's start opens it (create_stdio): stdin
+    always buffered, stdout and stderr unbuffered with -u; line-buffered
+    on a terminal, stderr always; newline "\\n"; encoding and errors
+    of this Python's own streams (same locale settings)."""
+    try:
+        os.fstat(fd)
+    except OSError:
+        return None
+    write = mode == "w"
+    unbuffered = SERVER_STDIO[1].write_through  # -u, PYTHONUNBUFFERED
+    buf = io.open(fd, mode + "b", 0 if unbuffered and write else -1,
+                  closefd=False)
+    raw = buf if unbuffered and write else buf.raw
+    raw.name = name
+    tty = raw.isatty()
+    old = SERVER_STDIO[fd]
+    stream = io.TextIOWrapper(buf, old.encoding, old.errors, "\n",
+                              not unbuffered and (tty or fd == 2),
+                              unbuffered)
+    stream.mode = mode
+    return stream
+
+def run_script(script, argv):
+    """Run the script as __main__ as Python does; returns the exit code."""
+    path = os.fsdecode(argv[0])
+    sys.argv = [os.fsdecode(a) for a in argv]
+    sys.orig_argv = [sys.executable, "-S"] + sys.argv
+    sys.path[:] = [script.path0] + BASE_PATH
+    main = types.ModuleType("__main__")
+    main.__file__ = path
+    main.__cached__ = None
+    main.__loader__ = importlib.machinery.SourceFileLoader("__main__", path)
+    main.__builtins__ = __builtins__
+    sys.modules["__main__"] = main
+    code = 0
+    try:
+        exec(script.code, main.__dict__)
+    except SystemExit as e:
+        code = system_exit_code(e)
+    except BaseException as e:
+        tb = e.__traceback__.tb_next  # not this function's frame
+        e.__traceback__ = tb
+        sys.last_type, sys.last_value, sys.last_traceback = type(e), e, tb
+        sys.excepthook(type(e), e, tb)
+        if isinstance(e, KeyboardInterrupt):
+            flush_streams()
+            signal.signal(signal.SIGINT, signal.SIG_DFL)
+            os.kill(os.getpid(), signal.SIGINT)
+        code = 1
+    return code
+
+
+def system_exit_code(e):
+    code = e.code
+    if code is None:
+        return 0
+    if isinstance(code, int):
+        return code if -(1 << 31) <= code < (1 << 31) else -1
+    try:
+        if sys.stderr is not None:
+            sys.stderr.write(str(code))
+            sys.stderr.write("\n")
+            sys.stderr.flush()
+    except Exception:
+        pass
+    return 1
+
+
+def flush_streams():
+    """Python's flush of sys.stdout and sys.stderr at exit; False when one
+    failed."""
+    ok = True
+    for name in ("stdout", "stderr"):
+        f = getattr(sys, name, None)
+        if f is None or getattr(f, "closed", True):
+            continue
+        try:
+            f.flush()
+        except Exception as e:
+            ok = False
+            if name == "stdout":
+                sys.unraisablehook(types.SimpleNamespace(
+                    exc_type=type(e), exc_value=e,
+                    exc_traceback=e.__traceback__, err_msg=None, object=f))
+    return ok
+
+
+def worker(conn, req, fds, script):
+    status = 1
+    try:
+        set_up_worker(conn, req, fds)
+        status = run_script(script, req[0])
+        if not flush_streams() and status == 0:
+            status = 120
+    except BaseException:
+        try:
+            import traceback
+            traceback.print_exc()
+        except BaseException:
+            pass
+    finally:
+        os._exit(status & 0xff)
+
+
+def serve(path, ready_fd):
+    tmp = "%s.%d" % (path, os.getpid())
+    listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    try:
+        os.unlink(tmp)
+    except FileNotFoundError:
+        pass
+    listener.bind(tmp)
+    listener.listen(128)
+    os.rename(tmp, path)
+    listener.setblocking(False)
+    sel = selectors.DefaultSelector()
+    sel.register(listener, selectors.EVENT_READ)
+    gc.collect()
+    gc.freeze()  # the workers leave the server's objects alone
+    os.write(ready_fd, b"R")
+    os.close(ready_fd)
+    while True:
+        for key, _ in sel.select():
+            if key.fileobj is listener:
+                accept(listener, sel)
+            else:
+                finish(sel, key)
+
+
+def accept(listener, sel):
+    while True:
+        try:
+            conn, _ = listener.accept()
+        except (BlockingIOError, InterruptedError):
+            return
+        fds = []
+        try:
+            req, fds = read_request(conn)
+            script = Script.get(os.fsdecode(req[0][0])) if req else None
+            if script is None:
+                raise ValueError("bad request")
+            pid = os.fork()
+            if pid == 0:
+                worker(conn, req, fds, script)
+            pidfd = os.pidfd_open(pid)
+            sel.register(pidfd, selectors.EVENT_READ, (pid, conn))
+            conn.sendall(INT.pack(pid))
+        except (OSError, ValueError, TypeError):
+            conn.close()  # the front end runs the tool itself
+        finally:
+            for fd in fds:
+                os.close(fd)
+
+
+def finish(sel, key):
+    pid, conn = key.data
+    sel.unregister(key.fileobj)
+    os.close(key.fileobj)
+    _, status = os.waitpid(pid, 0)
+    try:
+        conn.sendall(INT.pack(status))
+    except OSError:
+        pass  # the front end is gone
+    conn.close()
+
+
+if __name__ == "__main__":
+    serve(sys.argv[1], int(sys.argv[2]))
