@@ -14,6 +14,14 @@ self-signed certificate helper of the test device server.
     peer.send_response()              # correct 101 for req.key
     peer.send_frame(b"{...}", opcode=OP_TEXT)
     frame = peer.read_frame()         # Frame: .fin .rsv .opcode .masked ...
+
+Beyond one well-behaved connection: refuse() answers an upgrade with any
+HTTP status and hangs up; rcvbuf= keeps every accepted connection's
+receive buffer small (a peer that then stops reading fills the agent's
+send path quickly); tls="memory" runs the TLS server side over memory
+buffers (ssl.SSLObject), so that the peer can also put raw TLS bytes on the
+wire, e.g. send_partial_tls_record() sends the first bytes of a record and
+nothing more.
 """
 import base64
 import hashlib
@@ -222,14 +230,99 @@ def build_response(key=None, status=101, reason="Switching Protocols",
     return ("\r\n".join(lines) + "\r\n\r\n").encode("latin-1")
 
 
+class MemoryTlsSocket(object):
+    """Server side of a TLS connection run over memory buffers on a plain
+    socket: it reads and writes like a socket (recv, sendall, settimeout,
+    setsockopt, close) and can also hand out the raw bytes of a record
+    (record_bytes), which the caller may put on the wire whole, in part or
+    not at all."""
+
+    def __init__(self, sock, context, timeout=10.0):
+        self.raw = sock
+        self.incoming = ssl.MemoryBIO()
+        self.outgoing = ssl.MemoryBIO()
+        self.obj = context.wrap_bio(self.incoming, self.outgoing, server_side=True)
+        self._timeout = timeout
+        deadline = time.monotonic() + timeout
+        while True:
+            try:
+                self.obj.do_handshake()
+                break
+            except ssl.SSLWantReadError:
+                self._flush()
+                if not self._pull(deadline):
+                    raise ConnectionError("peer closed during the TLS handshake")
+        self._flush()
+
+    @property
+    def session_reused(self):
+        return self.obj.session_reused
+
+    def _flush(self):
+        data = self.outgoing.read()
+        if data:
+            self.raw.sendall(data)
+
+    def _pull(self, deadline):
+        """More ciphertext from the socket; False on EOF."""
+        left = None if deadline is None else deadline - time.monotonic()
+        if left is not None and left <= 0:
+            raise socket.timeout("timed out")
+        self.raw.settimeout(left)
+        data = self.raw.recv(65536)
+        if not data:
+            self.incoming.write_eof()
+            return False
+        self.incoming.write(data)
+        return True
+
+    def settimeout(self, timeout):
+        self._timeout = timeout
+
+    def setsockopt(self, *args):
+        return self.raw.setsockopt(*args)
+
+    def recv(self, n):
+        deadline = None if self._timeout is None else time.monotonic() + self._timeout
+        while True:
+            try:
+                data = self.obj.read(n)
+                self._flush()
+                return data
+            except ssl.SSLWantReadError:
+                self._flush()
+                if not self._pull(deadline):
+                    return b""
+            except ssl.SSLZeroReturnError:
+                return b""
+
+    def sendall(self, data):
+        self.obj.write(data)
+        self._flush()
+
+    def record_bytes(self, data):
+        """The ciphertext that carries data (one record for up to 16 KiB),
+        not sent."""
+        self._flush()
+        self.obj.write(data)
+        return self.outgoing.read()
+
+    def close(self):
+        self.raw.close()
+
+
 class RawPeer(object):
     """Listening raw WebSocket peer; one accepted connection at a time."""
 
     def __init__(self, tls=False, host="127.0.0.1", port=0, cert_dir=None,
-                 tls_max_version=None, netns=None):
+                 tls_max_version=None, netns=None, rcvbuf=None):
         """netns: path of a network namespace to listen in (the device
         network's gateway namespace); the listening socket, and so every
-        accepted connection, belongs to it."""
+        accepted connection, belongs to it.  tls: True for TLS through
+        ssl.SSLSocket, "memory" for TLS over memory buffers
+        (MemoryTlsSocket: raw records can be sent).  rcvbuf: SO_RCVBUF of
+        the listening socket, inherited by every accepted connection (and
+        so the window it offers)."""
         self.host = host
         self.tls = tls
         self.ssl_context = None
@@ -245,6 +338,8 @@ class RawPeer(object):
         else:
             self.listener = socket.socket(family)
         self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        if rcvbuf is not None:
+            self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
         self.listener.bind((host, port))
         self.listener.listen(8)
         self.port = self.listener.getsockname()[1]
@@ -270,7 +365,9 @@ class RawPeer(object):
         self.listener.settimeout(timeout)
         sock, _ = self.listener.accept()
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        if self.ssl_context is not None:
+        if self.ssl_context is not None and self.tls == "memory":
+            sock = MemoryTlsSocket(sock, self.ssl_context, timeout)
+        elif self.ssl_context is not None:
             sock.settimeout(timeout)
             sock = self.ssl_context.wrap_socket(sock, server_side=True)
         self.sock = sock
@@ -284,7 +381,9 @@ class RawPeer(object):
 
     @property
     def session_reused(self):
-        return bool(self.sock.session_reused) if isinstance(self.sock, ssl.SSLSocket) else None
+        if isinstance(self.sock, (ssl.SSLSocket, MemoryTlsSocket)):
+            return bool(self.sock.session_reused)
+        return None
 
     def tls_session_hits(self):
         return self.ssl_context.session_stats()["hits"] if self.ssl_context else 0
@@ -301,7 +400,7 @@ class RawPeer(object):
     def abort(self):
         """Reset the TCP connection (RST)."""
         if self.sock is not None:
-            raw = self.sock
+            raw = self.sock.raw if isinstance(self.sock, MemoryTlsSocket) else self.sock
             try:
                 raw.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             except OSError:
@@ -409,6 +508,41 @@ class RawPeer(object):
         req = self.read_request(timeout)
         self.send_response(**kwargs)
         return req
+
+    def refuse(self, status=503, reason="Service Unavailable", timeout=10.0,
+               extra_headers=()):
+        """Accept the next connection, read its upgrade request, answer it
+        with a plain HTTP status (no upgrade headers, an empty body) and
+        hang up.  Returns the request."""
+        self.accept(timeout)
+        req = self.read_request(timeout)
+        self.send_response(status=status, reason=reason, upgrade=False,
+                           accept=False, protocol=None,
+                           extra_headers=["Content-Length: 0"] + list(extra_headers))
+        self.close()
+        return req
+
+    # ----- raw TLS ---------------------------------------------------------
+
+    def send_partial_tls_record(self, payload, keep=10):
+        """Encrypt payload into a TLS record and send only its first `keep`
+        bytes (the 5-byte record header and a few bytes of the body): the
+        agent sees a record begin and never end.  Needs tls="memory".
+        Returns (the bytes sent, the whole record): the rest may follow
+        later with send_raw_tls()."""
+        if not isinstance(self.sock, MemoryTlsSocket):
+            raise RuntimeError("raw TLS records need RawPeer(tls=\"memory\")")
+        if isinstance(payload, str):
+            payload = payload.encode("utf-8")
+        record = self.sock.record_bytes(payload)
+        part = record[:keep]
+        self.send_raw_tls(part)
+        return part, record
+
+    def send_raw_tls(self, data):
+        """Put bytes on the wire below TLS (ciphertext as it is)."""
+        raw = self.sock.raw if isinstance(self.sock, MemoryTlsSocket) else self.sock
+        raw.sendall(data)
 
     # ----- frames ----------------------------------------------------------
 
