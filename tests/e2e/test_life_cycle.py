@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import MAC, ROOT
+from conftest import MAC, ROOT, TIMEOUT_SCALE
 
 BACKUPS = {
     "recv": "/etc/cloud_recv_cmd.backup",
@@ -193,6 +193,66 @@ def test_replies_waiting_for_the_server_survive_a_stop(device, server, start_age
     assert not any(m.data.get("id", "").startswith("a") for m in server.messages)
     # dxGetAbout ran four times in all: nothing ran again
     assert device.journal().count("sntool") == 4
+
+
+# killall takes its time (a loaded device): the agent keeps running for two
+# seconds after the stop has saved its queues
+SLOW_KILLALL = 'sleep 2\nexec /simdevice/busybox/killall "$@"\n'
+
+
+def test_a_stop_under_load_runs_nothing_twice(device, server, start_agent):
+    """Requests queued when the stop saves the queues are handed over to the
+    next start: answered then, once, and never also by the agent that is
+    stopping (which goes on running until the kill comes)."""
+    settings(device, conn_retry=1)
+    device.set_script("sntool", SLOW_WHILE)
+    agent = start_agent(server.url)
+    server.wait_for_connection(15)
+    timer = agent.timer_tid()
+    device.write_file("/tmp/slow", "")
+    server.send_text(about("busy"))
+    assert device.wait_journal("sntool")
+    # eight: with nine the ring would wrap, which the snapshot saves as
+    # nothing
+    names = ["q%d" % i for i in range(1, 9)]
+    for name in names:
+        server.send_text(about(name))
+    wait_received = lambda name: agent.out.wait_for(  # noqa: E731
+        re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % name), 20)
+    agent.out.wait_for(re.compile(r"queueWriter\]\[LINE 573\]: produceObject: end$"),
+                       20, start=wait_received("q8"))
+    device.set_script("killall", SLOW_KILLALL)
+
+    device.signal_thread(timer, signal.SIGTERM)
+    agent.out.wait_for("Backup queue commands to file...", 20)
+    # the queues are saved: the main thread now goes on, for as long as the
+    # kill takes
+    device.remove_file("/tmp/slow")
+    assert agent.wait_exit(30) == 128 + signal.SIGKILL
+    saved = [json.loads(line)["id"] for line in backup_lines(device, "recv")[1:]]
+    assert saved == names
+
+    device.stop()
+    device.clear_output("killall")
+    device.clear_output("sntool")
+    start_agent(server.url)
+    server.wait_for_connection(20)
+    got = []
+    deadline = time.monotonic() + 40 * TIMEOUT_SCALE
+    while sorted(set(got) & set(names)) != names and time.monotonic() < deadline:
+        try:
+            message = server.next_message(1)
+        except TimeoutError:
+            continue
+        if message.data.get("id"):
+            got.append(message.data["id"])
+    # one more status period or so for a late duplicate to show
+    time.sleep(1.5)
+    got += [m.data["id"] for m in server.messages if m.data.get("id")]
+    # every queued request answered exactly once; the one in progress at
+    # most once
+    assert sorted(got.count(name) for name in names) == [1] * len(names), got
+    assert got.count("busy") <= 1, got
 
 
 def test_a_backup_file_whose_count_is_zero_is_read_to_its_end(device, server, start_agent):

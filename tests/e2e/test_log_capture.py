@@ -12,7 +12,7 @@ import subprocess
 
 import pytest
 
-from conftest import AGENT, MAC, Agent, request_text, wait_for
+from conftest import AGENT, MAC, TIMEOUT_SCALE, Agent, request_text, wait_for
 
 # Results and events may be more than 40 s apart on a loaded machine.
 SERVER_PING_INTERVAL = 15
@@ -119,6 +119,30 @@ def test_a_follower_left_by_a_killed_agent_is_stopped_at_the_next_start(device, 
         assert not device.exists("/tmp/cloud_logread_pid")
         assert second.alive()
         assert not second.sanitizer_reports(), second.err.text()
+    finally:
+        device.stop()
+
+
+def test_a_killed_agent_leaves_no_ghost_connection(device, server):
+    """The commands the agent runs (and what they leave running, such as
+    the log follower) do not inherit its connection: once the agent is
+    killed, the server sees the connection end."""
+    launcher = device.start(["/bin/sh", "-c", "/usr/bin/korvat-cloud -d %s %s; sleep 600"
+                             % (server.url, MAC)], agent=AGENT, env=CET)
+    agent = Agent(device, launcher)
+    try:
+        conn = server.wait_for_connection(15)
+        settle(device)
+        stream(server, True, "on")
+        assert device.wait_journal("logread -f")
+        assert wait_for(lambda: device.find("logread") != [])
+        r = device.sh("kill -9 %d" % agent.main_tid())
+        assert r.returncode == 0, r.stderr
+        assert wait_for(lambda: device.find("korvat-cloud") == [])
+        # the follower lives on (until the next start stops it), the
+        # connection does not
+        assert device.find("logread") != []
+        assert conn.wait_closed(15 * TIMEOUT_SCALE)
     finally:
         device.stop()
 
