@@ -411,3 +411,35 @@ TEST(SecureWebsocket, FailedTlsHandshakeFailsTheConnection)
     freeWebsocketConnection(conn);
     close(listener);
 }
+
+/* A server (or a proxy in front of it) that refuses the upgrade after the
+ * TLS handshake: each attempt ends its TLS session, so that a device
+ * retrying against a proxy that answers 503 does not leave one TLS object
+ * behind per retry. */
+TEST(SecureWebsocket, ARefusedUpgradeEndsItsTlsSession)
+{
+    TlsServer server;
+    auto refuse = [](SSL *ssl) {
+        std::string request;
+        char c;
+        while (request.find("\r\n\r\n") == std::string::npos && SSL_read(ssl, &c, 1) == 1)
+            request.push_back(c);
+        const char answer[] = "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\n\r\n";
+        SSL_write(ssl, answer, (int)strlen(answer));
+        awaitClientClose(ssl);
+    };
+    server.serve({refuse, refuse, refuse});
+    std::string url = "wss://127.0.0.1:" + std::to_string(server.port) + "/";
+    WbsConnection *conn = initWebsocketConnection(url.c_str(), "o", nullptr, nullptr);
+    ASSERT_NE(nullptr, conn);
+    for (int attempt = 0; attempt < 3; attempt++) {
+        EXPECT_EQ(0, connectWebsocket(conn)) << attempt;
+        EXPECT_EQ(nullptr, conn->tls.ssl) << attempt;
+        EXPECT_EQ(-1, conn->tls.fd) << attempt;
+        // the session of the first attempt is kept for resumption
+        EXPECT_NE(nullptr, conn->tls.session) << attempt;
+    }
+    freeWebsocketConnection(conn);
+    server.join();
+    EXPECT_GE(SSL_CTX_sess_hits(server.ctx), 1);
+}
