@@ -14,6 +14,7 @@
  */
 #define KC_MODULE "nimb_client.cpp"
 #include "client/handlers.h"
+#include "client/ap_status.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -117,7 +118,7 @@ static int isEnabledStatus(const cJSON *object)
  * periodic status update has its own order).  1 when added, 0 when there
  * is no answer or it is not JSON (no member), -1 for three radios or more.
  */
-static int addRadioStatusObjects(cJSON *container, const char *wifiInfo)
+int addRadioStatusObjects(cJSON *container, const char *wifiInfo)
 {
     cJSON *info = wifiInfo != NULL ? jsonParse(wifiInfo) : NULL;
     if (info == NULL)
@@ -155,7 +156,7 @@ static char *wifiInfoAnswer(void)
  * "GuestNetworkInfo" answer.  1 when added, 0 without an answer or when it
  * is not JSON, -1 for three guest networks or more.
  */
-static int addGuestNetworkObjects(cJSON *container, const char *guestInfo)
+int addGuestNetworkObjects(cJSON *container, const char *guestInfo)
 {
     cJSON *info = guestInfo != NULL ? jsonParse(guestInfo) : NULL;
     if (info == NULL)

@@ -191,11 +191,16 @@ static std::string isoTimeOf(const LogLine &line)
 
 void sendEventLog(void)
 {
-    if (access(kEventFile, F_OK) != 0)
+    sendEventLogFrom(kEventFile);
+}
+
+void sendEventLogFrom(const char *path)
+{
+    if (access(path, F_OK) != 0)
         return;
-    FILE *in = fopen(kEventFile, "re");
+    FILE *in = fopen(path, "re");
     if (in == NULL) {
-        printf("Func %s: File %s doesn't exist.\n", kEventFile, "sendEventLog");
+        printf("Func %s: File %s doesn't exist.\n", path, "sendEventLog");
         return;
     }
     std::vector<EventRecord> records;
@@ -272,12 +277,17 @@ static size_t printedSize(const cJSON *tree)
 
 void sendStreamSysLog(int, int level, int, int)
 {
+    sendStreamSysLogFrom(kCaptureFile, level);
+}
+
+void sendStreamSysLogFrom(const char *path, int level)
+{
     std::string id = logStreamId();
-    if (!s_streaming || id.empty() || access(kCaptureFile, F_OK) != 0)
+    if (!s_streaming || id.empty() || access(path, F_OK) != 0)
         return;
-    FILE *in = fopen(kCaptureFile, "re");
+    FILE *in = fopen(path, "re");
     if (in == NULL) {
-        printf("Func %s: File %s doesn't exist.\n", kCaptureFile, "sendStreamSysLog");
+        printf("Func %s: File %s doesn't exist.\n", path, "sendStreamSysLog");
         return;
     }
     /* a capture shorter than the position kept was started afresh */

@@ -29,6 +29,9 @@ int parse_event_line(const char *line, EventRecord *rec);
  * event queue), then empties the file.  Nothing when the file is missing
  * or holds no event. */
 void sendEventLog(void);
+/* The same over the event file at path (tests and fuzz targets); the file
+ * is still emptied with the command for "/tmp/cEvtLog". */
+void sendEventLogFrom(const char *path);
 
 /* ---- the system-log capture ---- */
 
@@ -65,6 +68,9 @@ std::string with_zone_colon(const std::string &text);
  * read to its end.  level is the "level" of every log object; the other
  * arguments are not used. */
 void sendStreamSysLog(int ignored1, int level, int ignored2, int ignored3);
+/* The same over the capture at path (tests and fuzz targets); the restart
+ * still runs the commands for the real capture. */
+void sendStreamSysLogFrom(const char *path, int level);
 
 /* ---- streaming state, set by "dxStreamSystemLogs" ---- */
 

@@ -17,6 +17,12 @@ static struct UPNPUrls s_urls;
 static struct IGDdatas s_data;
 static char s_lanAddress[64];
 static pthread_mutex_t s_lock = PTHREAD_MUTEX_INITIALIZER;
+static const UpnpGateway *s_gateway = NULL; /* NULL: the real gateway */
+
+void setUpnpGateway(const UpnpGateway *gateway)
+{
+    s_gateway = gateway;
+}
 
 static int initUpnp(void)
 {
@@ -57,6 +63,8 @@ unsigned int externalPortCandidate(unsigned int randomValue)
 int addPortForwarding(int internalPort, int leaseSeconds, char externalIp[16],
                       int *externalPort)
 {
+    if (s_gateway != NULL)
+        return s_gateway->add(internalPort, leaseSeconds, externalIp, externalPort);
     pthread_mutex_lock(&s_lock);
     if (initUpnp() == -1) {
         pthread_mutex_unlock(&s_lock);
@@ -100,6 +108,8 @@ int addPortForwarding(int internalPort, int leaseSeconds, char externalIp[16],
 
 int deletePortForwarding(int externalPort)
 {
+    if (s_gateway != NULL)
+        return s_gateway->remove(externalPort);
     char portText[8];
     int retCode = snprintf(portText, sizeof portText, "%d", externalPort);
     KC_ASSERT(retCode > 0, "retCode > 0");

@@ -25,4 +25,14 @@ int deletePortForwarding(int externalPort);
  * gives 49152). */
 unsigned int externalPortCandidate(unsigned int randomValue);
 
+/* Where addPortForwarding and deletePortForwarding go: the gateway over
+ * miniupnpc by default.  Tests and fuzz targets put in their own, which
+ * sends nothing; NULL puts the real one back.  Set it before any thread
+ * uses the gateway.  Both members are required. */
+struct UpnpGateway {
+    int (*add)(int internalPort, int leaseSeconds, char externalIp[16], int *externalPort);
+    int (*remove)(int externalPort);
+};
+void setUpnpGateway(const UpnpGateway *gateway);
+
 #endif
