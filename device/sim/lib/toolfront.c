@@ -22,26 +22,17 @@
  * when SIMDEVICE_TOOLSERVER=0, outside a device, or when no server can be
  * had.  `lua SCRIPT ARGS` runs SCRIPT directly, as the simulated lua does.
  *
- * Built by toolfront.sh into the run directory; SOURCE_KEY (size, mtime and
- * inode of this file at build time) makes a stale build build again.
+ * Every call pays for this program's start, so it does without the C
+ * library: the C library's start alone costs several times what the
+ * program does.  It starts at _start and makes its system calls itself, on
+ * x86_64 (elsewhere toolfront.sh builds nothing and the tools run as their
+ * own Python programs).  Built by toolfront.sh into the run directory;
+ * SOURCE_KEY (size, mtime and inode of this file at build time) makes a
+ * stale build build again.
  */
-#define _GNU_SOURCE
-#include <errno.h>
-#include <fcntl.h>
-#include <limits.h>
-#include <signal.h>
+#include <asm/unistd.h>
+#include <stddef.h>
 #include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/file.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #ifndef SOURCE_KEY
 #define SOURCE_KEY ""
@@ -53,27 +44,255 @@
 #define PYTHON "/usr/bin/python3"
 #define MAGIC "KTF1"
 
-extern char **environ;
+/* ---- system calls -------------------------------------------------------- */
+
+#if defined(__x86_64__)
+static long sc(long n, long a, long b, long c, long d, long e)
+{
+    register long r10 __asm__("r10") = d;
+    register long r8 __asm__("r8") = e;
+    long r;
+    __asm__ volatile("syscall"
+                     : "=a"(r)
+                     : "a"(n), "D"(a), "S"(b), "d"(c), "r"(r10), "r"(r8)
+                     : "rcx", "r11", "memory");
+    return r;
+}
+#else
+#error "the front end makes system calls of x86_64 only"
+#endif
+
+#define sc0(n) sc(n, 0, 0, 0, 0, 0)
+#define sc1(n, a) sc(n, (long)(a), 0, 0, 0, 0)
+#define sc2(n, a, b) sc(n, (long)(a), (long)(b), 0, 0, 0)
+#define sc3(n, a, b, c) sc(n, (long)(a), (long)(b), (long)(c), 0, 0)
+#define sc4(n, a, b, c, d) sc(n, (long)(a), (long)(b), (long)(c), (long)(d), 0)
+#define sc5(n, a, b, c, d, e) \
+    sc(n, (long)(a), (long)(b), (long)(c), (long)(d), (long)(e))
+
+/* The few constants and structures of the kernel's interface used here
+ * (x86_64). */
+#define E_INTR 4
+#define O_RDONLY_ 0
+#define O_RDWR_ 2
+#define O_CREAT_ 0100
+#define O_APPEND_ 02000
+#define O_WRONLY_ 1
+#define O_CLOEXEC_ 02000000
+#define O_PATH_ 010000000
+#define AT_FDCWD_ (-100)
+#define F_GETFD_ 1
+#define F_DUPFD_ 0
+#define LOCK_EX_ 2
+#define AF_UNIX_ 1
+#define SOCK_STREAM_ 1
+#define SOCK_CLOEXEC_ 02000000
+#define MSG_NOSIGNAL_ 0x4000
+#define SOL_SOCKET_ 1
+#define SCM_RIGHTS_ 1
+#define SIG_BLOCK_ 0
+#define SIG_UNBLOCK_ 1
+#define SIG_SETMASK_ 2
+#define SA_RESTART_ 0x10000000UL
+#define SA_RESTORER_ 0x04000000UL
+#define SIG_DFL_ ((void *)0)
+#define SIG_IGN_ ((void *)1)
+#define SIGHUP_ 1
+#define SIGKILL_ 9
+#define SIGCHLD_ 17
+#define SIGSTOP_ 19
+#define SIGRTMIN_ 34  /* the C library keeps 32 and 33 for itself */
+#define NSIG_ 64
+#define PRIO_PROCESS_ 0
+#define STATX_BASIC_ 0x7ffU
+
+typedef uint64_t sigset;  /* the kernel's sigset_t: one bit a signal */
+#define SIGBIT(sig) (1ULL << ((sig) - 1))
+
+struct ksigaction {
+    void *handler;
+    unsigned long flags;
+    void (*restorer)(void);
+    sigset mask;
+};
+
+struct iov {
+    void *base;
+    size_t len;
+};
+
+struct msg {
+    void *name;
+    uint32_t namelen;
+    struct iov *iov;
+    size_t iovlen;
+    void *control;
+    size_t controllen;
+    int flags;
+};
+
+struct cmsg {
+    size_t len;
+    int level;
+    int type;
+};
+
+struct sun {
+    uint16_t family;
+    char path[108];
+};
+
+struct kstatx {
+    uint32_t mask, blksize;
+    uint64_t attributes;
+    uint32_t nlink, uid, gid;
+    uint16_t mode, pad0;
+    uint64_t ino, size, blocks, attributes_mask;
+    struct {
+        int64_t sec;
+        uint32_t nsec;
+        int32_t pad;
+    } atime, btime, ctime, mtime;
+    uint64_t spare[14];
+};
+
+/* returns from a signal handler (the kernel wants it given) */
+void toolfront_restorer(void);
+__asm__(".text\n"
+        ".type toolfront_restorer,@function\n"
+        "toolfront_restorer:\n"
+        "    mov $15, %rax\n"  /* rt_sigreturn */
+        "    syscall\n");
+#define RESTORER toolfront_restorer
+#define RESTORER_FLAG SA_RESTORER_
+
+static int set_action(int sig, void *handler)
+{
+    struct ksigaction sa = {handler, RESTORER_FLAG, RESTORER, ~0ULL};
+    if (handler == SIG_DFL_ || handler == SIG_IGN_)
+        sa.mask = 0;
+    else
+        sa.flags |= SA_RESTART_;
+    return (int)sc4(__NR_rt_sigaction, sig, &sa, 0, sizeof(sigset));
+}
+
+static int is_ignored(int sig)
+{
+    struct ksigaction old;
+    return sc4(__NR_rt_sigaction, sig, 0, &old, sizeof(sigset)) == 0 &&
+           old.handler == SIG_IGN_;
+}
+
+static void set_mask(int how, sigset set, sigset *old)
+{
+    sc4(__NR_rt_sigprocmask, how, &set, old, sizeof(sigset));
+}
+
+static void my_exit(int status)
+{
+    for (;;)
+        sc1(__NR_exit_group, status);
+}
+
+static int my_open(const char *path, int flags, int mode)
+{
+    return (int)sc4(__NR_openat, AT_FDCWD_, path, flags | O_CLOEXEC_, mode);
+}
+
+static void my_close(int fd)
+{
+    sc1(__NR_close, fd);
+}
+
+/* ---- strings -------------------------------------------------------------- */
+
+static size_t slen(const char *s)
+{
+    size_t n = 0;
+    while (s[n])
+        n++;
+    return n;
+}
+
+static int starts(const char *s, const char *prefix)
+{
+    while (*prefix)
+        if (*s++ != *prefix++)
+            return 0;
+    return 1;
+}
+
+static int same(const char *a, const char *b)
+{
+    return starts(a, b) && slen(a) == slen(b);
+}
+
+static void copy(void *to, const void *from, size_t n)
+{
+    char *t = to;
+    const char *f = from;
+    while (n--)
+        *t++ = *f++;
+}
+
+/* p + text, within end; returns the new end of the text */
+static char *add(char *p, char *end, const char *text)
+{
+    while (*text && p < end - 1)
+        *p++ = *text++;
+    *p = 0;
+    return p;
+}
+
+static char *add_num(char *p, char *end, uint64_t v, int base, int width)
+{
+    char digits[24];
+    int n = 0;
+    do {
+        digits[n++] = "0123456789abcdef"[v % (unsigned)base];
+        v /= (unsigned)base;
+    } while (v || n < width);
+    while (n && p < end - 1)
+        *p++ = digits[--n];
+    *p = 0;
+    return p;
+}
+
+static void say(const char *text)
+{
+    sc3(__NR_write, 2, text, slen(text));
+}
+
+static char **g_env;
+
+static const char *get_env(const char *name)
+{
+    size_t n = slen(name);
+    for (char **e = g_env; *e; e++)
+        if (starts(*e, name) && (*e)[n] == '=')
+            return *e + n + 1;
+    return 0;
+}
+
+/* ---- the call ----------------------------------------------------------------- */
 
 static char **g_argv;
 static const char *g_name;
-static volatile pid_t g_worker;
+static volatile int g_worker;
 static int g_stdio;  /* bit n: descriptor n was open at the start */
 static int g_held;   /* /dev/null holds the closed ones' numbers */
-static sigset_t g_forwarded, g_orig_mask;
+static sigset g_forwarded, g_orig_mask;
 
 /* Signals that end or concern the tool: they go on to the worker.  (Stop
  * signals and those a fault raises stay with this process.) */
-static const int FORWARD[] = {SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2,
-                              SIGPIPE, SIGALRM, SIGTERM, SIGSTKFLT, SIGXCPU,
-                              SIGXFSZ, SIGVTALRM, SIGPROF, SIGIO, SIGPWR,
-                              SIGWINCH, SIGURG};
+static const int FORWARD[] = {1, 2, 3, 10, 12, 13, 14, 15, 16, 23, 24, 25,
+                              26, 27, 28, 29, 30};
 
 static void forward(int sig)
 {
-    pid_t w = g_worker;
+    int w = g_worker;
     if (w > 0)
-        kill(w, sig);
+        sc2(__NR_kill, w, sig);
 }
 
 /* The tool as its own Python program, the process the shell header's
@@ -81,33 +300,34 @@ static void forward(int sig)
  * the tool (command name), with this argv (command line). */
 static void direct(void)
 {
-    struct sigaction dfl;
-    memset(&dfl, 0, sizeof dfl);
-    dfl.sa_handler = SIG_DFL;
-    for (int sig = 1; sig < NSIG; sig++)
-        if (sigismember(&g_forwarded, sig) == 1)
-            sigaction(sig, &dfl, NULL);
-    sigprocmask(SIG_SETMASK, &g_orig_mask, NULL);
+    for (int sig = 1; sig <= NSIG_; sig++)
+        if (g_forwarded & SIGBIT(sig))
+            set_action(sig, SIG_DFL_);
+    set_mask(SIG_SETMASK_, g_orig_mask, 0);
     for (int fd = 0; fd < 3 && g_held; fd++)
         if (!(g_stdio & 1 << fd))
-            close(fd);
-    char path[PATH_MAX];
-    snprintf(path, sizeof path, "%s/py/%s", TOOLS, g_name);
-    execv(path, g_argv);
-    execv(PYTHON, g_argv);
-    perror(PYTHON);
-    _exit(127);
+            my_close(fd);
+    char path[256];
+    char *end = path + sizeof path;
+    add(add(add(path, end, TOOLS "/py/"), end, g_name), end, "");
+    sc3(__NR_execve, path, g_argv, g_env);
+    sc3(__NR_execve, PYTHON, g_argv, g_env);
+    say("toolfront: cannot run " PYTHON "\n");
+    my_exit(127);
 }
 
 static int stale(void)
 {
-    struct stat st;
-    char key[96];
-    if (stat(SOURCE, &st) != 0)
+    struct kstatx st;
+    char key[96], *end = key + sizeof key, *p = key;
+    if (sc5(__NR_statx, AT_FDCWD_, SOURCE, 0, STATX_BASIC_, &st) != 0)
         return 0;
-    snprintf(key, sizeof key, "%lld:%lld:%llu", (long long)st.st_size,
-             (long long)st.st_mtime, (unsigned long long)st.st_ino);
-    return strcmp(key, SOURCE_KEY) != 0;
+    p = add_num(p, end, st.size, 10, 1);
+    p = add(p, end, ":");
+    p = add_num(p, end, (uint64_t)st.mtime.sec, 10, 1);
+    p = add(p, end, ":");
+    add_num(p, end, st.ino, 10, 1);
+    return !same(key, SOURCE_KEY);
 }
 
 /* Environment that shapes a Python process from its start (dynamic
@@ -118,10 +338,10 @@ static uint64_t env_signature(void)
     static const char *const prefixes[] = {"LD_", "PYTHON", "LC_", "LANG=",
                                            "LANGUAGE=", "GLIBC_", "MALLOC_"};
     uint64_t sum = 0x5eed;
-    for (char **e = environ; *e; e++) {
+    for (char **e = g_env; *e; e++) {
         int hit = 0;
         for (size_t i = 0; i < sizeof prefixes / sizeof *prefixes; i++)
-            if (strncmp(*e, prefixes[i], strlen(prefixes[i])) == 0)
+            if (starts(*e, prefixes[i]))
                 hit = 1;
         if (!hit)
             continue;
@@ -135,27 +355,15 @@ static uint64_t env_signature(void)
 
 static int try_connect(const char *path)
 {
-    struct sockaddr_un a;
-    memset(&a, 0, sizeof a);
-    a.sun_family = AF_UNIX;
-    snprintf(a.sun_path, sizeof a.sun_path, "%s", path);
-    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sun a = {AF_UNIX_, {0}};
+    add(a.path, a.path + sizeof a.path, path);
+    int s = (int)sc3(__NR_socket, AF_UNIX_, SOCK_STREAM_ | SOCK_CLOEXEC_, 0);
     if (s < 0)
         return -1;
-    if (connect(s, (struct sockaddr *)&a, sizeof a) == 0)
+    if (sc3(__NR_connect, s, &a, sizeof a) == 0)
         return s;
-    close(s);
+    my_close(s);
     return -1;
-}
-
-static void close_from(int first)
-{
-#ifdef SYS_close_range
-    if (syscall(SYS_close_range, first, ~0U, 0) == 0)
-        return;
-#endif
-    for (int fd = first; fd < 4096; fd++)
-        close(fd);
 }
 
 /* Starts the server of this environment, detached (its own session, no
@@ -164,122 +372,98 @@ static void close_from(int first)
 static int spawn_server(const char *path)
 {
     int p[2];
-    if (pipe2(p, O_CLOEXEC) != 0)
+    if (sc2(__NR_pipe2, p, O_CLOEXEC_) != 0)
         return -1;
-    pid_t pid = fork();
+    long pid = sc5(__NR_clone, SIGCHLD_, 0, 0, 0, 0);
     if (pid < 0) {
-        close(p[0]);
-        close(p[1]);
+        my_close(p[0]);
+        my_close(p[1]);
         return -1;
     }
     if (pid == 0) {
-        setsid();
-        if (fork() != 0)
-            _exit(0);
-        struct sigaction dfl;
-        memset(&dfl, 0, sizeof dfl);
-        dfl.sa_handler = SIG_DFL;
-        for (int sig = 1; sig < NSIG; sig++)
-            sigaction(sig, &dfl, NULL);
-        int ready = fcntl(p[1], F_DUPFD, 10);
-        int null = open("/dev/null", O_RDWR);
-        int log = open(TOOLS "/server.log",
-                       O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, 0644);
+        sc0(__NR_setsid);
+        if (sc5(__NR_clone, SIGCHLD_, 0, 0, 0, 0) != 0)
+            my_exit(0);
+        for (int sig = 1; sig <= NSIG_; sig++)
+            if (sig != SIGKILL_ && sig != SIGSTOP_)
+                set_action(sig, SIG_DFL_);
+        int ready = (int)sc3(__NR_fcntl, p[1], F_DUPFD_, 10);
+        int null = my_open("/dev/null", O_RDWR_, 0);
+        int log = my_open(TOOLS "/server.log",
+                          O_WRONLY_ | O_APPEND_ | O_CREAT_, 0644);
         if (ready < 0 || null < 0)
-            _exit(127);
-        dup2(null, 0);
-        dup2(null, 1);
-        dup2(log >= 0 ? log : null, 2);
-        dup2(ready, 3);
-        close_from(4);
-        if (chdir("/") != 0)
-            _exit(127);
-        umask(022);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, NULL);
-        execl(PYTHON, PYTHON, "-S", SERVER, path, "3", (char *)NULL);
-        _exit(127);
+            my_exit(127);
+        sc3(__NR_dup3, null, 0, 0);
+        sc3(__NR_dup3, null, 1, 0);
+        sc3(__NR_dup3, log >= 0 ? log : null, 2, 0);
+        sc3(__NR_dup3, ready, 3, 0);
+        if (sc3(__NR_close_range, 4, ~0U, 0) != 0)
+            for (int fd = 4; fd < 4096; fd++)
+                my_close(fd);
+        if (sc1(__NR_chdir, "/") != 0)
+            my_exit(127);
+        sc1(__NR_umask, 022);
+        set_mask(SIG_SETMASK_, 0, 0);
+        char *argv[] = {PYTHON, "-S", SERVER, (char *)path, "3", 0};
+        sc3(__NR_execve, PYTHON, argv, g_env);
+        my_exit(127);
     }
-    close(p[1]);
-    while (waitpid(pid, NULL, 0) < 0 && errno == EINTR)
+    my_close(p[1]);
+    while (sc4(__NR_wait4, pid, 0, 0, 0) == -E_INTR)
         ;
     char c = 0;
-    ssize_t n;
-    while ((n = read(p[0], &c, 1)) < 0 && errno == EINTR)
+    long n;
+    while ((n = sc3(__NR_read, p[0], &c, 1)) == -E_INTR)
         ;
-    close(p[0]);
+    my_close(p[0]);
     return n == 1 && c == 'R' ? 0 : -1;
 }
 
 static int connect_server(void)
 {
-    char path[108];
-    snprintf(path, sizeof path, "%s/srv-%016llx.sock", TOOLS,
-             (unsigned long long)env_signature());
+    char path[108], *end = path + sizeof path;
+    add_num(add(path, end, TOOLS "/srv-"), end, env_signature(), 16, 16);
+    add(path + slen(path), end, ".sock");
     int s = try_connect(path);
     if (s >= 0)
         return s;
-    int lock = open(TOOLS "/server.lock",
-                    O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    int lock = my_open(TOOLS "/server.lock", O_RDWR_ | O_CREAT_, 0600);
     if (lock < 0)
         return -1;
-    while (flock(lock, LOCK_EX) != 0)
-        if (errno != EINTR) {
-            close(lock);
-            return -1;
-        }
+    long r;
+    while ((r = sc2(__NR_flock, lock, LOCK_EX_)) == -E_INTR)
+        ;
+    if (r != 0) {
+        my_close(lock);
+        return -1;
+    }
     s = try_connect(path);
     if (s < 0) {
-        unlink(path);
+        sc3(__NR_unlinkat, AT_FDCWD_, path, 0);
         if (spawn_server(path) == 0)
             s = try_connect(path);
     }
-    close(lock);
+    my_close(lock);
     return s;
-}
-
-struct buf {
-    char *data;
-    size_t len, cap;
-};
-
-static int put(struct buf *b, const void *p, size_t n)
-{
-    if (b->len + n > b->cap) {
-        size_t cap = b->cap ? b->cap : 4096;
-        while (cap < b->len + n)
-            cap *= 2;
-        char *d = realloc(b->data, cap);
-        if (d == NULL)
-            return -1;
-        b->data = d;
-        b->cap = cap;
-    }
-    memcpy(b->data + b->len, p, n);
-    b->len += n;
-    return 0;
 }
 
 static uint64_t signal_bits(int (*test)(int))
 {
     uint64_t bits = 0;
-    for (int sig = 1; sig < NSIG && sig <= 64; sig++)
+    for (int sig = 1; sig <= NSIG_; sig++)
         if (test(sig))
-            bits |= 1ULL << (sig - 1);
+            bits |= SIGBIT(sig);
     return bits;
-}
-
-static int is_ignored(int sig)
-{
-    struct sigaction sa;
-    return sigaction(sig, NULL, &sa) == 0 && sa.sa_handler == SIG_IGN;
 }
 
 static int is_blocked(int sig)
 {
-    return sigismember(&g_orig_mask, sig) == 1;
+    return (g_orig_mask & SIGBIT(sig)) != 0;
 }
+
+/* Room for the request: the kernel's limit on arguments and environment
+ * (ARG_MAX) is 2 MiB by default; the data segment holds it. */
+static char g_buf[1 << 21];
 
 /* The request: magic, then eight u64 (length of what follows, argument
  * count, environment count, umask, nice value, ignored signals, blocked
@@ -288,13 +472,12 @@ static int is_blocked(int sig)
  * directory, then standard input, output, error (those open). */
 static int send_request(int s, int argc, char **argv)
 {
-    struct buf b = {0};
-    int envc = 0;
-    for (char **e = environ; *e; e++)
+    uint64_t envc = 0;
+    for (char **e = g_env; *e; e++)
         envc++;
     int fds[4], nfd = 0;
     uint64_t mask = 0;
-    int cwd = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    int cwd = my_open(".", O_PATH_, 0);
     if (cwd >= 0) {
         fds[nfd++] = cwd;
         mask |= 8;
@@ -304,57 +487,53 @@ static int send_request(int s, int argc, char **argv)
             fds[nfd++] = fd;
             mask |= 1ULL << fd;
         }
-    mode_t um = umask(0);
-    umask(um);
-    errno = 0;
-    int nice = getpriority(PRIO_PROCESS, 0);
-    uint64_t head[8] = {0, (uint64_t)argc, (uint64_t)envc, (uint64_t)um,
-                        (uint64_t)(int64_t)nice, signal_bits(is_ignored),
+    long um = sc1(__NR_umask, 0);
+    sc1(__NR_umask, um);
+    long prio = sc2(__NR_getpriority, PRIO_PROCESS_, 0);  /* 20 - nice */
+    int64_t nice = prio < 0 ? 0 : 20 - prio;
+    uint64_t head[8] = {0, (uint64_t)argc, envc, (uint64_t)um,
+                        (uint64_t)nice, signal_bits(is_ignored),
                         signal_bits(is_blocked), mask};
-    int bad = put(&b, MAGIC, 4) || put(&b, head, sizeof head);
-    for (int i = 0; i < argc && !bad; i++)
-        bad = put(&b, argv[i], strlen(argv[i]) + 1);
-    for (char **e = environ; *e && !bad; e++)
-        bad = put(&b, *e, strlen(*e) + 1);
-    if (bad) {
-        free(b.data);
-        if (cwd >= 0)
-            close(cwd);
-        return -1;
+    size_t len = 4 + sizeof head;
+    copy(g_buf, MAGIC, 4);
+    for (int i = 0; i < argc + (int)envc; i++) {
+        const char *text = i < argc ? argv[i] : g_env[i - argc];
+        size_t n = slen(text) + 1;
+        if (len + n > sizeof g_buf) {
+            if (cwd >= 0)
+                my_close(cwd);
+            return -1;
+        }
+        copy(g_buf + len, text, n);
+        len += n;
     }
-    uint64_t len = b.len - 4 - sizeof head;
-    memcpy(b.data + 4, &len, sizeof len);
+    head[0] = len - 4 - sizeof head;
+    copy(g_buf + 4, head, sizeof head);
 
     union {
-        char buf[CMSG_SPACE(sizeof fds)];
-        struct cmsghdr align;
+        char buf[sizeof(struct cmsg) + sizeof fds];
+        struct cmsg align;
     } ctl;
-    memset(&ctl, 0, sizeof ctl);
-    struct iovec iov = {b.data, b.len};
-    struct msghdr msg;
-    memset(&msg, 0, sizeof msg);
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = ctl.buf;
-    msg.msg_controllen = CMSG_SPACE(nfd * sizeof(int));
-    struct cmsghdr *c = CMSG_FIRSTHDR(&msg);
-    c->cmsg_level = SOL_SOCKET;
-    c->cmsg_type = SCM_RIGHTS;
-    c->cmsg_len = CMSG_LEN(nfd * sizeof(int));
-    memcpy(CMSG_DATA(c), fds, nfd * sizeof(int));
-    ssize_t n;
-    while ((n = sendmsg(s, &msg, MSG_NOSIGNAL)) < 0 && errno == EINTR)
+    struct iov iov = {g_buf, len};
+    struct msg m = {0, 0, &iov, 1, &ctl, sizeof ctl, 0};
+    ctl.align.len = sizeof(struct cmsg) + (size_t)nfd * sizeof(int);
+    if (nfd < 4)  /* the space of the descriptors sent, 8-byte aligned */
+        m.controllen = sizeof(struct cmsg) + ((size_t)nfd * 4 + 7) / 8 * 8;
+    ctl.align.level = SOL_SOCKET_;
+    ctl.align.type = SCM_RIGHTS_;
+    copy(ctl.buf + sizeof(struct cmsg), fds, (size_t)nfd * sizeof(int));
+    long n;
+    while ((n = sc3(__NR_sendmsg, s, &m, MSG_NOSIGNAL_)) == -E_INTR)
         ;
     size_t done = n < 0 ? 0 : (size_t)n;
-    while (n >= 0 && done < b.len) {
-        n = send(s, b.data + done, b.len - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
+    while (n >= 0 && done < len) {
+        n = sc4(__NR_sendto, s, g_buf + done, len - done, MSG_NOSIGNAL_);
+        if (n == -E_INTR)
             n = 0;
         done += n < 0 ? 0 : (size_t)n;
     }
-    free(b.data);
     if (cwd >= 0)
-        close(cwd);
+        my_close(cwd);
     return n < 0 ? -1 : 0;
 }
 
@@ -364,8 +543,8 @@ static int read_int(int s, int32_t *v)
     size_t got = 0;
     char *p = (char *)v;
     while (got < sizeof *v) {
-        ssize_t n = read(s, p + got, sizeof *v - got);
-        if (n < 0 && errno == EINTR)
+        long n = sc3(__NR_read, s, p + got, sizeof *v - got);
+        if (n == -E_INTR)
             continue;
         if (n <= 0)
             return -1;
@@ -374,91 +553,112 @@ static int read_int(int s, int32_t *v)
     return 0;
 }
 
-int main(int argc, char **argv)
+static int toolfront_main(int argc, char **argv, char **envp)
 {
     g_argv = argv;
+    g_env = envp;
     for (int fd = 0; fd < 3; fd++)
-        if (fcntl(fd, F_GETFD) != -1)
+        if (sc2(__NR_fcntl, fd, F_GETFD_) >= 0)
             g_stdio |= 1 << fd;
-    sigemptyset(&g_forwarded);
-    sigprocmask(SIG_SETMASK, NULL, &g_orig_mask);
+    set_mask(SIG_BLOCK_, 0, &g_orig_mask);
     /* argv as Python had it: python3 -S SCRIPT ARGS... */
-    if (argc < 3 || strcmp(argv[1], "-S") != 0) {
-        fprintf(stderr, "toolfront: usage: %s -S SCRIPT [ARGS...]\n",
-                argv[0]);
+    if (argc < 3 || !same(argv[1], "-S")) {
+        say("toolfront: usage: toolfront -S SCRIPT [ARGS...]\n");
         return 2;
     }
-    const char *slash = strrchr(argv[2], '/');
-    g_name = slash ? slash + 1 : argv[2];
-    const char *off = getenv("SIMDEVICE_TOOLSERVER");
-    if ((off && strcmp(off, "0") == 0) || getenv("SIMDEVICE_RUN"))
+    g_name = argv[2];
+    for (const char *p = argv[2]; *p; p++)
+        if (*p == '/')
+            g_name = p + 1;
+    const char *off = get_env("SIMDEVICE_TOOLSERVER");
+    if ((off && same(off, "0")) || get_env("SIMDEVICE_RUN"))
         direct();
     if (stale()) {
         /* built from an older source: the header builds it again */
-        unlink(TOOLS "/front");
-        execv(argv[2], argv + 2);
+        sc3(__NR_unlinkat, AT_FDCWD_, TOOLS "/front", 0);
+        sc3(__NR_execve, argv[2], argv + 2, envp);
         direct();
     }
-    if (strcmp(g_name, "lua") == 0 && argc > 3) {
-        execv(argv[3], argv + 3);
-        /* not runnable: Python reports it as it does */
-    }
+    if (same(g_name, "lua") && argc > 3)
+        sc3(__NR_execve, argv[3], argv + 3, envp);
+    /* (not runnable: Python reports it as it does) */
+
     /* Standard descriptors the caller left closed stay so for the tool;
      * until the call is handed over, /dev/null holds their numbers. */
     for (int fd = 0; fd < 3; fd++)
         if (!(g_stdio & 1 << fd))
-            open("/dev/null", O_RDWR | O_CLOEXEC);
+            sc3(__NR_openat, AT_FDCWD_, "/dev/null", O_RDWR_ | O_CLOEXEC_);
     g_held = 1;
 
     /* Signals wait until the worker is known, then go on to it. */
     for (size_t i = 0; i < sizeof FORWARD / sizeof *FORWARD; i++)
         if (!is_ignored(FORWARD[i]))
-            sigaddset(&g_forwarded, FORWARD[i]);
-    for (int sig = SIGRTMIN; sig <= SIGRTMAX; sig++)
+            g_forwarded |= SIGBIT(FORWARD[i]);
+    for (int sig = SIGRTMIN_; sig <= NSIG_; sig++)
         if (!is_ignored(sig))
-            sigaddset(&g_forwarded, sig);
-    sigset_t during;
-    sigorset(&during, &g_orig_mask, &g_forwarded);
-    sigprocmask(SIG_SETMASK, &during, NULL);
-    struct sigaction sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sa_handler = forward;
-    sa.sa_flags = SA_RESTART;
-    sigfillset(&sa.sa_mask);
-    for (int sig = 1; sig < NSIG; sig++)
-        if (sigismember(&g_forwarded, sig) == 1)
-            sigaction(sig, &sa, NULL);
+            g_forwarded |= SIGBIT(sig);
+    set_mask(SIG_SETMASK_, g_orig_mask | g_forwarded, 0);
+    for (int sig = 1; sig <= NSIG_; sig++)
+        if (g_forwarded & SIGBIT(sig))
+            set_action(sig, (void *)forward);
 
     int s = connect_server();
     if (s < 0)
         direct();
     int32_t worker, status;
-    if (send_request(s, argc - 2, argv + 2) != 0 || read_int(s, &worker) != 0
-            || worker <= 0) {
-        close(s);
+    if (send_request(s, argc - 2, argv + 2) != 0 ||
+            read_int(s, &worker) != 0 || worker <= 0) {
+        my_close(s);
         direct();
     }
     g_worker = worker;
-    sigprocmask(SIG_SETMASK, &g_orig_mask, NULL);
-    if (read_int(s, &status) != 0) {
-        /* the server went (the device is going down) */
-        _exit(1);
+    set_mask(SIG_SETMASK_, g_orig_mask, 0);
+    if (read_int(s, &status) != 0)
+        my_exit(1);  /* the server went (the device is going down) */
+    set_mask(SIG_BLOCK_, g_forwarded, 0);
+    int sig = status & 0x7f;
+    if (sig == 0)
+        my_exit((status >> 8) & 0xff);
+    if (sig != 0x7f) {  /* ended by a signal: so does this program */
+        set_action(sig, SIG_DFL_);
+        set_mask(SIG_UNBLOCK_, SIGBIT(sig), 0);
+        sc2(__NR_kill, sc0(__NR_getpid), sig);
+        my_exit(128 + sig);
     }
-    sigprocmask(SIG_BLOCK, &g_forwarded, NULL);
-    if (WIFEXITED(status))
-        _exit(WEXITSTATUS(status));
-    if (WIFSIGNALED(status)) {
-        int sig = WTERMSIG(status);
-        struct sigaction dfl;
-        memset(&dfl, 0, sizeof dfl);
-        dfl.sa_handler = SIG_DFL;
-        sigaction(sig, &dfl, NULL);
-        sigset_t one;
-        sigemptyset(&one);
-        sigaddset(&one, sig);
-        sigprocmask(SIG_UNBLOCK, &one, NULL);
-        kill(getpid(), sig);
-        _exit(128 + sig);
-    }
-    _exit(1);
+    my_exit(1);
+    return 1;
 }
+
+/* The compiler may call these for copies and clearing. */
+void *memcpy(void *to, const void *from, size_t n)
+{
+    char *t = to;
+    const char *f = from;
+    while (n--)
+        *t++ = *f++;
+    return to;
+}
+
+void *memset(void *to, int c, size_t n)
+{
+    char *t = to;
+    while (n--)
+        *t++ = (char)c;
+    return to;
+}
+
+__attribute__((used)) void toolfront_start(long *sp)
+{
+    int argc = (int)sp[0];
+    char **argv = (char **)(sp + 1);
+    my_exit(toolfront_main(argc, argv, argv + argc + 1));
+}
+
+__asm__(".text\n"
+        ".global _start\n"
+        "_start:\n"
+        "    xor %rbp, %rbp\n"
+        "    mov %rsp, %rdi\n"
+        "    and $-16, %rsp\n"
+        "    call toolfront_start\n"
+        "    hlt\n");

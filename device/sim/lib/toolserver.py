@@ -22,7 +22,6 @@
 import gc
 import os
 import select
-import selectors
 import signal
 import socket
 import struct
@@ -91,53 +90,59 @@ SERVER_TZ = (os.environb.get(b"TZ"), localtime_key())
 
 class Script:
     """A tool script compiled once per path as called (the file name in
-    tracebacks), with the directory Python puts first on sys.path."""
+    tracebacks), with the directory Python puts first on sys.path; compiled
+    again when the file changes."""
     cache = {}
 
     @classmethod
     def get(cls, path):
-        real = os.path.realpath(path)
+        got = cls.cache.get(path)
+        real = got.real if got else os.path.realpath(os.fsdecode(path))
         try:
             st = os.stat(real)
         except OSError:
             return None
-        key = (path, st.st_mtime_ns, st.st_size, st.st_ino)
-        got = cls.cache.get(path)
+        key = (st.st_mtime_ns, st.st_size, st.st_ino)
         if got is None or got.key != key:
             try:
                 with open(real, "rb") as f:
                     source = f.read()
-                code = compile(source, path, "exec", dont_inherit=True)
+                code = compile(source, os.fsdecode(path), "exec",
+                               dont_inherit=True)
             except (OSError, SyntaxError, ValueError):
                 return None
-            got = cls(key, code, os.path.dirname(real))
+            got = cls(real, key, code)
             cls.cache[path] = got
         return got
 
-    def __init__(self, key, code, path0):
-        self.key, self.code, self.path0 = key, code, path0
+    def __init__(self, real, key, code):
+        self.real, self.key, self.code = real, key, code
+        self.path0 = os.path.dirname(real)
 
 
 def read_request(conn):
-    """(fields, strings, fds) of one call, or None when it is malformed."""
-    conn.settimeout(10)
-    data, fds, _, _ = socket.recv_fds(conn, 1 << 16, 4)
-    while len(data) < HEAD.size:
-        more = conn.recv(1 << 16)
-        if not more:
-            break
-        data += more
-    if len(data) < HEAD.size:
+    """(fields, fds) of one call: fields None when it is malformed or did
+    not come whole."""
+    try:
+        data, fds, _, _ = socket.recv_fds(conn, 1 << 16, 4)
+    except OSError:
+        return None, []
+    try:
+        while len(data) < HEAD.size:
+            more = conn.recv(1 << 16)
+            if not more:
+                return None, fds
+            data += more
+        magic, length, argc, envc, umask, nice, ign, blk, mask = \
+            HEAD.unpack_from(data)
+        total = HEAD.size + length
+        while len(data) < total:
+            more = conn.recv(min(1 << 20, total - len(data)))
+            if not more:
+                return None, fds
+            data += more
+    except OSError:
         return None, fds
-    magic, length, argc, envc, umask, nice, ign, blk, mask = \
-        HEAD.unpack_from(data)
-    total = HEAD.size + length
-    while len(data) < total:
-        more = conn.recv(min(1 << 20, total - len(data)))
-        if not more:
-            break
-        data += more
-    conn.settimeout(None)
     if magic != MAGIC or len(data) != total:
         return None, fds
     strings = data[HEAD.size:].split(b"\0")[:-1]
@@ -270,11 +275,12 @@ def run_script(script, argv):
         e.__traceback__ = tb
         sys.last_type, sys.last_value, sys.last_traceback = type(e), e, tb
         sys.excepthook(type(e), e, tb)
-        if isinstance(e, KeyboardInterrupt):
+        code = 1
+        if isinstance(e, KeyboardInterrupt):  # ends by SIGINT, as Python
             flush_streams()
             signal.signal(signal.SIGINT, signal.SIG_DFL)
             os.kill(os.getpid(), signal.SIGINT)
-        code = 1
+            code = 128 + signal.SIGINT
     return code
 
 
@@ -338,52 +344,61 @@ def serve(path, ready_fd):
     except FileNotFoundError:
         pass
     listener.bind(tmp)
+    # a front end that connects and sends nothing holds the server 10 s
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO,
+                        struct.pack("ll", 10, 0))
     listener.listen(128)
     os.rename(tmp, path)
-    listener.setblocking(False)
-    sel = selectors.DefaultSelector()
-    sel.register(listener, selectors.EVENT_READ)
+    poll = select.epoll()
+    lfd = listener.fileno()
+    poll.register(lfd, select.EPOLLIN)
+    calls = {}  # pidfd: (worker pid, connection)
     gc.collect()
     gc.freeze()  # the workers leave the server's objects alone
     os.write(ready_fd, b"R")
     os.close(ready_fd)
     while True:
-        for key, _ in sel.select():
-            if key.fileobj is listener:
-                accept(listener, sel)
+        for fd, _ in poll.poll():
+            if fd == lfd:
+                accept(listener, poll, calls)
             else:
-                finish(sel, key)
+                finish(fd, poll, calls)
 
 
-def accept(listener, sel):
-    while True:
-        try:
-            conn, _ = listener.accept()
-        except (BlockingIOError, InterruptedError):
-            return
-        fds = []
-        try:
-            req, fds = read_request(conn)
-            script = Script.get(os.fsdecode(req[0][0])) if req else None
-            if script is None:
-                raise ValueError("bad request")
+def accept(listener, poll, calls):
+    try:
+        conn, _ = listener.accept()
+    except OSError:
+        return
+    req, fds = read_request(conn)
+    pid = None
+    try:
+        script = Script.get(req[0][0]) if req else None
+        if script is not None:
             pid = os.fork()
             if pid == 0:
                 worker(conn, req, fds, script)
-            pidfd = os.pidfd_open(pid)
-            sel.register(pidfd, selectors.EVENT_READ, (pid, conn))
-            conn.sendall(INT.pack(pid))
-        except (OSError, ValueError, TypeError):
-            conn.close()  # the front end runs the tool itself
-        finally:
-            for fd in fds:
-                os.close(fd)
+    except OSError:
+        pass
+    finally:
+        for fd in fds:
+            os.close(fd)
+    if pid is None:
+        conn.close()  # the front end runs the tool itself
+        return
+    pidfd = os.pidfd_open(pid)
+    calls[pidfd] = (pid, conn)
+    poll.register(pidfd, select.EPOLLIN)
+    try:
+        conn.sendall(INT.pack(pid))
+    except OSError:
+        pass  # the front end is gone; its worker goes too
 
 
-def finish(sel, key):
-    pid, conn = key.data
-    sel.unregister(key.fileobj)
-    os.close(key.fileobj)
+def finish(pidfd, poll, calls):
+    pid, conn = calls.pop(pidfd)
+    poll.unregister(pidfd)
+    os.close(pidfd)
     _, status = os.waitpid(pid, 0)
     try:
         conn.sendall(INT.pack(status))
