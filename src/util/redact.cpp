@@ -42,6 +42,13 @@ static size_t stringEnd(const char *s, size_t len)
     return len;
 }
 
+/* A byte the request parser skips between tokens: every one up to the
+ * space, control characters included. */
+static int isBlank(char c)
+{
+    return c != '\0' && (unsigned char)c <= ' ';
+}
+
 static int hexValue(char c)
 {
     if (c >= '0' && c <= '9')
@@ -73,12 +80,16 @@ static int decodeName(const char *s, size_t end, char *out)
                 int code = 0;
                 for (int k = 1; k <= 4; k++) {
                     int h = hexValue(s[i + k]);
-                    if (h < 0)
-                        return 0;
+                    if (h < 0) {
+                        code = 0; /* as the parser reads a bad escape */
+                        break;
+                    }
                     code = code * 16 + h;
                 }
                 i += 4;
-                if (code <= 0 || code >= 0x80)
+                if (code == 0)
+                    break; /* the parser's name ends here */
+                if (code < 0 || code >= 0x80)
                     return 0;
                 c = (char)code;
             } else {
@@ -117,13 +128,13 @@ char *redact_secrets(const char *text)
         o += end - i;
         /* a string followed by ':' is a member name */
         size_t j = end;
-        while (j < len && isspace((unsigned char)text[j]))
+        while (j < len && isBlank(text[j]))
             j++;
         char name[kLongestName + 1];
         if (j < len && text[j] == ':' && decodeName(text + i, end - i, name) &&
             is_secret_member(name)) {
             size_t k = j + 1;
-            while (k < len && isspace((unsigned char)text[k]))
+            while (k < len && isBlank(text[k]))
                 k++;
             if (k < len && text[k] == '"') {
                 /* name, blanks, colon and blanks as they were; the value
