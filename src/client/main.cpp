@@ -3,6 +3,7 @@
  * sigterm.cpp).
  *
  *   korvat-cloud [-d] <device_server_url> <device_mac_address>
+ *   korvat-cloud --help | -h | --version
  *
  * The main thread runs every request handler, one at a time, in the order
  * the requests arrived.
@@ -53,6 +54,23 @@ int main(int argc, char **argv)
      * every line must appear when it is printed. */
     setvbuf(stdout, NULL, _IOLBF, 0);
 
+    /* A single --help, -h or --version only prints and ends: nothing has
+     * run yet.  Every other command line is as before (a lone other word
+     * is a usage error). */
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        printf("Usage: %s [-d] <device_server_url> <device_mac_address>\n", argv[0]);
+        printf("Cloud-management agent of the access point (version %s).\n"
+               "  -d                  debug lines on standard output\n"
+               "  device_server_url   ws://host[:port][/path] or wss://host[:port][/path]\n"
+               "  device_mac_address  the device id of every reply\n"
+               "  -h, --help          this text;  --version  the version\n",
+               KC_VERSION);
+        return 0;
+    }
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        printf("korvat-cloud %s\n", KC_VERSION);
+        return 0;
+    }
     if (argc < 3) {
         printf("Usage: %s [-d] <device_server_url> <device_mac_address>\n", argv[0]);
         return -1;
