@@ -17,6 +17,12 @@
 #       (Re)creates the guest library root and prints its path.
 #   target/qemu-binfmt.sh interpreter
 #       Prints the qemu-mips used, fetching it first if need be.
+#   target/qemu-binfmt.sh check
+#       Exits 0 when this kernel gives a user namespace its own binfmt_misc
+#       (Linux 6.7 or later, and one can be mounted here); else prints why
+#       in one line and exits 1.  Debian bookworm's own kernel (6.1) has
+#       none: run the target's end-to-end suites on a newer kernel
+#       (bookworm-backports has one).
 #   target/qemu-binfmt.sh selftest [MIPS_BINARY]
 #       Proves it: runs a MIPS program named korvat-cloud directly, checks
 #       comm, finds and kills it by name (also inside a nested bwrap sandbox),
@@ -42,6 +48,8 @@
 #                        and /lib64 visible wherever the program runs).
 #                        "static": qemu-mips-static from bookworm's
 #                        qemu-user-static .deb.  Or a path.
+#   KORVAT_KERNEL_RELEASE  the kernel release `check` judges (default:
+#                        uname -r), to see the answer for another kernel
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -132,6 +140,29 @@ inner() {
     mount -t binfmt_misc binfmt_misc "$BINFMT" || die "cannot mount a private binfmt_misc (kernel $(uname -r); needs >= 6.7)"
     printf ':%s:M::%s:%s:%s:FP' "$ENTRY" "$MAGIC" "$MASK" "$qemu" >"$BINFMT/register"
     exec "$@"
+}
+
+# Linux 6.7 gave every user namespace a binfmt_misc instance of its own.
+cmd_check() {
+    local rel=${KORVAT_KERNEL_RELEASE:-$(uname -r)} major minor
+    major=${rel%%.*}
+    minor=${rel#*.}
+    minor=${minor%%[!0-9]*}
+    case "$major.$minor" in
+    *[!0-9.]* | .* | *.) echo "kernel $rel: cannot tell its version"; return 1 ;;
+    esac
+    if [ "$major" -lt 6 ] || { [ "$major" -eq 6 ] && [ "$minor" -lt 7 ]; }; then
+        echo "kernel $rel has no private binfmt_misc for a user namespace (Linux 6.7 or later has)"
+        return 1
+    fi
+    if [ -z "${KORVAT_KERNEL_RELEASE:-}" ] &&
+        ! unshare --user --map-root-user --mount --propagation private \
+            sh -c "mount -t binfmt_misc binfmt_misc $BINFMT" 2>/dev/null; then
+        echo "kernel $rel: a private binfmt_misc cannot be mounted here" \
+            "(user namespaces or their mounts are not allowed)"
+        return 1
+    fi
+    return 0
 }
 
 cmd_run() {
@@ -229,6 +260,8 @@ EOF
 }
 
 case "${1:-}" in
+    -h | --help) sed -n '2,/^set -euo/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'; exit 0 ;;
+    check) cmd_check ;;
     run) shift; cmd_run "$@" ;;
     guest-root) make_guest_root ;;
     interpreter) pick_qemu ;;
