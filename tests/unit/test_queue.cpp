@@ -6,7 +6,6 @@
  */
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <set>
 #include <thread>
 
@@ -168,17 +167,18 @@ TEST(JsonQueue, BlockingProducerResumesWhenOneTreeIsTaken)
         ASSERT_EQ(1, produceObject(&lq.q, request(i), PRODUCE_BLOCKING));
 
     std::atomic<int> result{-1};
-    std::thread producer([&] { result = produceObject(&lq.q, request(10), PRODUCE_BLOCKING); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(-1, result.load()) << "a blocking producer went past a full queue";
+    BlockingCall producer([&] { result = produceObject(&lq.q, request(10), PRODUCE_BLOCKING); });
+    ASSERT_TRUE(producer.blocked()) << "a blocking producer went past a full queue";
+    EXPECT_EQ(-1, result.load());
+    EXPECT_EQ(10, filledCount(lq.q));
 
     cJSON *tree = nullptr;
     consumeObject(&lq.q, &tree);
     EXPECT_EQ("0", idOf(tree));
     cJSON_Delete(tree);
 
-    EXPECT_TRUE(waitFor([&] { return result.load() == 1; }));
-    producer.join();
+    EXPECT_TRUE(producer.returnsSoon());
+    EXPECT_EQ(1, result.load());
     for (int i = 1; i <= 10; i++) {
         consumeObject(&lq.q, &tree);
         EXPECT_EQ(std::to_string(i), idOf(tree));
@@ -194,20 +194,15 @@ TEST(JsonQueue, ReplyWriterBlocksOnAFullReplyQueueAndResumesWhenASlotFrees)
         writeJsonReply(request(i));
     ASSERT_EQ(0, freeSlotCount(&replies));
 
-    std::atomic<bool> returned{false};
-    std::thread handler([&] {
-        writeJsonReply(request(10));
-        returned = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    EXPECT_FALSE(returned.load()) << "the reply writer went past a full queue";
+    BlockingCall handler([&] { writeJsonReply(request(10)); });
+    ASSERT_TRUE(handler.blocked()) << "the reply writer went past a full queue";
+    EXPECT_EQ(10, filledCount(replies));
 
     cJSON *tree = nullptr;
     consumeObject(&replies, &tree);
     EXPECT_EQ("0", idOf(tree));
     cJSON_Delete(tree);
-    EXPECT_TRUE(waitFor([&] { return returned.load(); }));
-    handler.join();
+    EXPECT_TRUE(handler.returnsSoon());
     // every reply is there, in order, and nothing was refused
     std::vector<std::string> rest = drainReplies();
     ASSERT_EQ(10u, rest.size());
@@ -223,17 +218,16 @@ TEST(JsonQueue, ConsumerWaitsForAProducer)
 {
     LocalQueue lq;
     std::atomic<cJSON *> got{nullptr};
-    std::thread consumer([&] {
+    BlockingCall consumer([&] {
         cJSON *tree = nullptr;
         consumeObject(&lq.q, &tree);
         got = tree;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(consumer.blocked()) << "a consumer went past an empty queue";
     EXPECT_EQ(nullptr, got.load());
     cJSON *tree = request(5);
     produceObject(&lq.q, tree, PRODUCE_BLOCKING);
-    EXPECT_TRUE(waitFor([&] { return got.load() != nullptr; }));
-    consumer.join();
+    EXPECT_TRUE(consumer.returnsSoon());
     EXPECT_EQ(tree, got.load());
     cJSON_Delete(tree);
 }
@@ -277,16 +271,16 @@ TEST(ConnectionLock, WriterIsAlone)
     initConnectionLock(&lock);
     connectionWriteLock(&lock);
     std::atomic<bool> readerIn{false};
-    std::thread reader([&] {
+    BlockingCall reader([&] {
         connectionReadLock(&lock);
         readerIn = true;
         connectionReadUnlock(&lock);
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(reader.blocked()) << "a reader went in beside the writer";
     EXPECT_FALSE(readerIn.load());
     connectionWriteUnlock(&lock);
-    EXPECT_TRUE(waitFor([&] { return readerIn.load(); }));
-    reader.join();
+    EXPECT_TRUE(reader.returnsSoon());
+    EXPECT_TRUE(readerIn.load());
     deleteConnectionLock(&lock);
 }
 
@@ -298,27 +292,34 @@ TEST(ConnectionLock, WaitingWriterKeepsNewReadersOut)
 
     std::atomic<int> order{0};
     std::atomic<int> writerAt{0}, readerAt{0};
-    std::thread writer([&] {
+    std::atomic<bool> writerMayLeave{false};
+    BlockingCall writer([&] {
         connectionWriteLock(&lock);
         writerAt = ++order;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        // inside until the test has looked at the late reader
+        waitFor([&] { return writerMayLeave.load(); });
         connectionWriteUnlock(&lock);
     });
-    ASSERT_TRUE(waitFor([&] { return lock.writers == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(writer.blocked()) << "the writer went in beside a reader";
+    EXPECT_EQ(1, lock.writers);
 
-    std::thread lateReader([&] {
+    BlockingCall lateReader([&] {
         connectionReadLock(&lock);
         readerAt = ++order;
         connectionReadUnlock(&lock);
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(lateReader.blocked()) << "a new reader went in while a writer waited";
     EXPECT_EQ(0, writerAt.load()) << "the writer went in beside a reader";
     EXPECT_EQ(0, readerAt.load()) << "a new reader overtook the waiting writer";
 
+    // the first reader leaves: the writer goes in, the late reader still waits
     connectionReadUnlock(&lock);
-    writer.join();
-    lateReader.join();
+    EXPECT_TRUE(waitFor([&] { return writerAt.load() == 1; }));
+    EXPECT_TRUE(lateReader.blocked()) << "a reader went in beside the writer";
+    EXPECT_EQ(0, readerAt.load());
+    writerMayLeave = true;
+    EXPECT_TRUE(writer.returnsSoon());
+    EXPECT_TRUE(lateReader.returnsSoon());
     EXPECT_EQ(1, writerAt.load());
     EXPECT_EQ(2, readerAt.load());
     EXPECT_EQ(0, lock.readers);

@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -27,6 +28,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -61,6 +63,96 @@ inline bool waitFor(const std::function<bool()> &condition, int ms = 3000)
     }
     return condition();
 }
+
+/* A bound in milliseconds for a wait for something to happen, scaled like
+ * waitFor's. */
+inline int scaledMs(int ms)
+{
+    return ms * kcTestTimeScale();
+}
+
+/* The kernel's id of the calling thread. */
+inline long currentTid()
+{
+    return (long)syscall(SYS_gettid);
+}
+
+/* True while thread tid of this process sleeps in the kernel (state S: it
+ * waits for a futex, a descriptor ...); false while it runs, and once it
+ * has ended. */
+inline bool threadSleeps(long tid)
+{
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    size_t name = stat.rfind(')');
+    return name != std::string::npos && name + 2 < stat.size() && stat[name + 2] == 'S';
+}
+
+/*
+ * A thread that makes one call which the test expects to block.  blocked()
+ * proves it without a fixed sleep: it waits until the thread has reached
+ * the call and sleeps in the kernel, or until the call has returned.  A
+ * negative check made after blocked() ("the call has not returned") thus
+ * always looks at a thread that really got that far.
+ *
+ *     BlockingCall producer([&] { produceObject(&q, tree, PRODUCE_BLOCKING); });
+ *     ASSERT_TRUE(producer.blocked()) << "went past a full queue";
+ *     ... free a slot ...
+ *     EXPECT_TRUE(producer.returnsSoon());
+ */
+class BlockingCall {
+public:
+    explicit BlockingCall(std::function<void()> call)
+        : call_(std::move(call)), thread_([this] {
+              tid_ = currentTid();
+              reached_ = true;
+              call_();
+              returned_ = true;
+          })
+    {
+    }
+    /* A call that never returns would hang the whole run here: it ends
+     * the run with a message instead. */
+    ~BlockingCall()
+    {
+        if (!thread_.joinable())
+            return;
+        if (!waitFor([&] { return returned_.load(); })) {
+            fprintf(stderr, "a call under test never returned (thread %ld)\n", tid_.load());
+            abort();
+        }
+        thread_.join();
+    }
+    BlockingCall(const BlockingCall &) = delete;
+    BlockingCall &operator=(const BlockingCall &) = delete;
+
+    /* True when the thread sleeps inside the call; false when the call
+     * returned (or the thread never got there within the wait). */
+    bool blocked()
+    {
+        waitFor([&] { return returned_.load() || sleepsInCall(); });
+        return !returned_.load() && sleepsInCall();
+    }
+    bool returned() const { return returned_.load(); }
+    /* Waits (bounded) for the call to return, then joins the thread. */
+    bool returnsSoon()
+    {
+        bool done = waitFor([&] { return returned_.load(); });
+        if (done)
+            thread_.join();
+        return done;
+    }
+    long tid() const { return tid_.load(); }
+
+private:
+    bool sleepsInCall() const { return reached_.load() && threadSleeps(tid_.load()); }
+
+    std::atomic<long> tid_{0};
+    std::atomic<bool> reached_{false};
+    std::atomic<bool> returned_{false};
+    std::function<void()> call_;
+    std::thread thread_; /* last: starts once the members above exist */
+};
 
 /* A directory made with mkdtemp, removed with everything in it. */
 class TempDir {
@@ -197,10 +289,11 @@ inline int filledCount(JsonQueue &queue)
     return value;
 }
 
-/* Reads up to n bytes from fd, waiting at most timeoutMs for each part;
- * stops early at end of stream or time-out. */
+/* Reads up to n bytes from fd, waiting at most timeoutMs (scaled) for each
+ * part; stops early at end of stream or time-out. */
 inline std::string readSome(int fd, size_t n, int timeoutMs = 3000)
 {
+    timeoutMs = scaledMs(timeoutMs);
     std::string out;
     std::vector<char> buf(n);
     while (out.size() < n) {
@@ -223,11 +316,12 @@ inline bool staysSilent(int fd, int timeoutMs = 100)
     return poll(&p, 1, timeoutMs) == 0;
 }
 
-/* True when the peer has closed (or shut down) its side. */
+/* True when the peer has closed (or shut down) its side within timeoutMs
+ * (scaled). */
 inline bool atEndOfStream(int fd, int timeoutMs = 3000)
 {
     struct pollfd p = {fd, POLLIN, 0};
-    if (poll(&p, 1, timeoutMs) <= 0)
+    if (poll(&p, 1, scaledMs(timeoutMs)) <= 0)
         return false;
     char c;
     return read(fd, &c, 1) == 0;
@@ -355,11 +449,11 @@ inline int listenOn(const char *address, int *port, int family = AF_INET, int wa
     return fd;
 }
 
-/* accept() bounded by timeoutMs; -1 when nobody came. */
+/* accept() bounded by timeoutMs (scaled); -1 when nobody came. */
 inline int acceptWithin(int listener, int timeoutMs = 3000)
 {
     struct pollfd p = {listener, POLLIN, 0};
-    if (poll(&p, 1, timeoutMs) <= 0)
+    if (poll(&p, 1, scaledMs(timeoutMs)) <= 0)
         return -1;
     return accept(listener, nullptr, nullptr);
 }
