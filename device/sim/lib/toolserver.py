@@ -195,8 +195,9 @@ def set_up_worker(conn, req, fds):
                 signal.signal(sig, signal.SIG_IGN)
             except (OSError, ValueError):
                 pass
-    signal.pthread_sigmask(signal.SIG_SETMASK,
-                           [s for s in bits(blk) if s != signal.SIGIO])
+    if blk:  # (the server blocks nothing)
+        signal.pthread_sigmask(signal.SIG_SETMASK,
+                               [s for s in bits(blk) if s != signal.SIGIO])
     set_environment(env)
     # standard streams as Python sets them up
     for fd, (name, mode) in enumerate(STDIO):
@@ -234,11 +235,21 @@ def open_stdio(fd, name, mode):
     """A standard stream as Python's start opens it (create_stdio): stdin
     always buffered, stdout and stderr unbuffered with -u; line-buffered
     on a terminal, stderr always; newline "\\n"; encoding and errors
-    of this Python's own streams (same locale settings)."""
+    of this Python's own streams (same locale settings).
+
+    The server's own stream over the same descriptor number is that
+    stream already when the caller's file is no terminal and has the same
+    block size (buffer size): it has not been read from, and what it
+    wrote went out.  (What differs: tell() and seekable() answer for the
+    server's /dev/null; no tool asks.)"""
     try:
-        os.fstat(fd)
+        st = os.fstat(fd)
     except OSError:
         return None
+    old = SERVER_STDIO[fd]
+    raw = old.buffer if isinstance(old.buffer, io.FileIO) else old.buffer.raw
+    if st.st_blksize == raw._blksize and not os.isatty(fd):
+        return old
     write = mode == "w"
     unbuffered = SERVER_STDIO[1].write_through  # -u, PYTHONUNBUFFERED
     buf = io.open(fd, mode + "b", 0 if unbuffered and write else -1,
@@ -246,7 +257,6 @@ def open_stdio(fd, name, mode):
     raw = buf if unbuffered and write else buf.raw
     raw.name = name
     tty = raw.isatty()
-    old = SERVER_STDIO[fd]
     stream = io.TextIOWrapper(buf, old.encoding, old.errors, "\n",
                               not unbuffered and (tty or fd == 2),
                               unbuffered)
