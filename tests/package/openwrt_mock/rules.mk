@@ -4,6 +4,7 @@
 INCLUDE_DIR:=$(TOPDIR)/include
 BUILD_DIR ?= $(TOPDIR)/build
 STAGING_DIR ?= $(TOPDIR)/staging
+DL_DIR ?= $(TOPDIR)/dl
 CP:=cp -fpR
 INSTALL_DIR:=install -d -m0755
 INSTALL_BIN:=install -m0755
