@@ -80,6 +80,12 @@ class AccessPoint:
             assert r.returncode == 0, r.stderr
         assert self.dev.uci("commit", "korvatCloud").returncode == 0
 
+    def set_label_mac(self, mac):
+        """The MAC on the device's label, as /etc/board.json gives it."""
+        self.dev.write_file("/etc/board.json",
+                            '{\n\t"system": {\n\t\t"label_macaddr": "%s"\n'
+                            '\t}\n}\n' % mac)
+
     def set_mac(self, dev, mac):
         """Change (or with None remove) an interface's address file."""
         path = os.path.join(self.net, dev, "address")

@@ -1,8 +1,10 @@
 # The service script /etc/init.d/korvatCloud run inside the simulated device
 # (procd stand-in as /etc/rc.common, stand-in agent as
-# /usr/bin/korvat-cloud): the agent's command line built from UCI, restart,
-# reload, stop with SIGTERM and SIGKILL after the timeout, respawn, and the
-# refusal to start without a server URL.
+# /usr/bin/korvat-cloud): the agent's command line built from UCI (the label
+# MAC first), the checks of the options it reads, the enabled switch,
+# restart, reload (also on a setting the agent reads only at start), stop
+# with SIGTERM and SIGKILL after the timeout, respawn, and the refusal to
+# start without a server URL (the default).
 import signal
 import time
 
@@ -50,9 +52,8 @@ def test_start_runs_agent_with_url_and_mac(ap):
     ("ws://h.example/", "80", "ws://h.example:80/"),
     ("wss://cloud.example.net/device", "", "wss://cloud.example.net/device"),
     ("wss://cloud.example.net/device", "0", "wss://cloud.example.net/device"),
-    ("wss://cloud.example.net/device", "70000",
-     "wss://cloud.example.net/device"),
-    ("wss://cloud.example.net/device", "x1", "wss://cloud.example.net/device"),
+    ("wss://cloud.example.net/device", "00443",
+     "wss://cloud.example.net:443/device"),
 ])
 def test_port_number_joins_url_without_port(ap, url, port, expected):
     ap.configure(server_url=url, port_number=port)
@@ -68,6 +69,90 @@ def test_debug_option_adds_d(ap):
     assert argv == ["-d", "wss://cloud.example.net:443/device", MAC]
 
 
+def test_default_configuration_keeps_the_agent_stopped(fresh_ap):
+    """As installed the package names no server: the agent is not started
+    (rather than trying a placeholder host for ever), and the reason is
+    logged."""
+    assert fresh_ap.dev.uci("get", "korvatCloud.korvatCloud.server_url"
+                            ).stdout.strip() == ""
+    r = fresh_ap.service("start")
+    assert r.returncode != 0
+    assert "korvatCloud: not started: korvatCloud.korvatCloud.server_url " \
+        "is empty" in r.stderr
+    time.sleep(0.5)
+    assert fresh_ap.starts() == [] and fresh_ap.agents() == []
+
+
+def test_disabled_keeps_the_agent_stopped_and_stops_it(ap):
+    ap.configure(enabled="0")
+    r = ap.service("start")
+    assert r.returncode == 0, r.stderr
+    assert "not started: disabled (korvatCloud.korvatCloud.enabled is 0)" \
+        in r.stderr
+    time.sleep(0.5)
+    assert ap.starts() == [] and ap.agents() == []
+    # on, started; off again and reloaded: stopped
+    ap.configure(enabled="1")
+    assert ap.service("reload").returncode == 0
+    pid, _ = started(ap)
+    ap.configure(enabled="off")
+    assert ap.service("reload").returncode == 0
+    assert ap.signals(pid) == ["TERM"] and ap.agents() == []
+
+
+def test_options_are_declared_for_validation(ap):
+    assert ap.service("start").returncode == 0
+    started(ap)
+    assert ("procd validate korvatCloud korvatCloud enabled:bool:1 "
+            "server_url:string port_number:port mac:macaddr debug:bool:0"
+            ) in ap.dev.journal()
+
+
+@pytest.mark.parametrize("option,value,kind", [
+    ("port_number", "x1", "port"),
+    ("port_number", "70000", "port"),
+    ("port_number", "-1", "port"),
+    ("mac", "02:4b:56:a1:b2", "macaddr"),
+    ("mac", "02-4b-56-a1-b2-c3", "macaddr"),
+    ("enabled", "maybe", "bool"),
+    ("debug", "2", "bool"),
+])
+def test_invalid_option_refuses_to_start(ap, option, value, kind):
+    ap.configure(**{option: value})
+    r = ap.service("start")
+    assert r.returncode != 0
+    assert "korvatCloud.korvatCloud.%s: '%s' is not a valid %s" % (
+        option, value, kind) in r.stderr
+    assert "korvatCloud: not started: invalid settings" in r.stderr
+    time.sleep(0.5)
+    assert ap.starts() == [] and ap.agents() == []
+    assert any(x.startswith("logger -t korvatCloud -p daemon.err") and
+               "invalid settings" in x for x in ap.dev.journal())
+
+
+def test_mac_is_the_label_mac(ap):
+    ap.set_label_mac("02:4b:56:0a:0b:0c")
+    assert ap.service("start").returncode == 0
+    _, argv = started(ap)
+    assert argv[-1] == "02:4B:56:0A:0B:0C"
+
+
+@pytest.mark.parametrize("label", ["", "00:00:00:00:00:00", "not-a-mac"])
+def test_unusable_label_mac_falls_back_to_br_lan(ap, label):
+    ap.set_label_mac(label)
+    assert ap.service("start").returncode == 0
+    _, argv = started(ap)
+    assert argv[-1] == MAC
+
+
+def test_mac_option_wins_over_the_label(ap):
+    ap.set_label_mac("02:4b:56:0a:0b:0c")
+    ap.configure(mac="02:4b:56:dd:ee:ff")
+    assert ap.service("start").returncode == 0
+    _, argv = started(ap)
+    assert argv[-1] == "02:4B:56:DD:EE:FF"
+
+
 def test_mac_falls_back_to_eth0(ap):
     ap.set_mac("br-lan", None)
     assert ap.service("start").returncode == 0
@@ -80,7 +165,7 @@ def test_no_mac_address_refuses_to_start(ap):
     ap.set_mac("eth0", "00:00:00:00:00:00")
     r = ap.service("start")
     assert r.returncode != 0
-    assert "no MAC address" in r.stderr
+    assert "not started: no MAC address (label, br-lan eth0)" in r.stderr
     time.sleep(0.5)
     assert ap.starts() == [] and ap.agents() == []
 
@@ -233,6 +318,28 @@ def test_reload_restarts_only_on_changed_command_line(ap):
     assert ap.service("reload").returncode != 0
     assert ap.signals(new) == ["TERM"]
     assert ap.agents() == []
+
+
+@pytest.mark.parametrize("option,value", [
+    ("ts_autoUpdate", "1_DAY"),
+    ("remote_access_timeout", "300"),
+    ("beta_mode", "1"),
+])
+def test_reload_restarts_on_a_setting_read_only_at_start(ap, option, value):
+    """A local `uci set` of a setting the agent reads only when it starts
+    and reload_config: the agent restarts to take it up."""
+    assert ap.service("start").returncode == 0
+    pid, _ = started(ap)
+    ap.configure(**{option: value})
+    assert ap.service("reload").returncode == 0
+    new, argv = started(ap, 2)
+    assert argv == ["wss://cloud.example.net:443/device", MAC]
+    assert ap.signals(pid) == ["TERM"] and ap.agents() == [new]
+    # reloaded again without a change: kept
+    assert ap.service("reload").returncode == 0
+    time.sleep(0.3)
+    assert ap.agents() == [new] and len(ap.starts()) == 2
+    assert "procd keep korvatCloud instance1" in ap.dev.journal()
 
 
 def test_status_and_running(ap):
