@@ -3,7 +3,8 @@
 # UndefinedBehaviorSanitizer) and runs each on its seed corpus.  Exits
 # non-zero if any target crashed, leaked, timed out or printed a sanitizer
 # report; the input that did it is kept in $build/fuzz-artifacts.  For each
-# target it prints the executions, the seconds and the executions per second.
+# target it prints the executions, the seconds, the executions per second
+# and the coverage (libFuzzer's "cov", the instrumented edges reached).
 #
 #   run-fuzzers.sh            the short run of the default test run
 #                             (scripts/test.sh): KC_FUZZ_SECONDS per target,
@@ -14,13 +15,14 @@
 #                             or KC_FUZZ_LONG_SECONDS seconds, whichever comes
 #                             first; the corpus it grows is kept in
 #                             $build/fuzz-corpus/<target> and taken up again
-#                             by the next long run
+#                             by the next long run; its summary is added to
+#                             $build/fuzz-long-runs.txt
 #
 #   KC_FUZZ_SECONDS       seconds per target in the short run (default 30)
 #   KC_FUZZ_RUNS          executions per target in the long run (default
 #                         10000000)
 #   KC_FUZZ_LONG_SECONDS  time limit per target in the long run (default
-#                         1200)
+#                         3600)
 #   KC_FUZZ_BUILD         build directory (default build-fuzz at the top)
 #   KC_FUZZ_TARGETS       targets to run (default: all of them)
 #
@@ -47,9 +49,9 @@ esac
 
 seconds=${KC_FUZZ_SECONDS:-30}
 runs=${KC_FUZZ_RUNS:-10000000}
-long_seconds=${KC_FUZZ_LONG_SECONDS:-1200}
+long_seconds=${KC_FUZZ_LONG_SECONDS:-3600}
 build=${KC_FUZZ_BUILD:-$top/build-fuzz}
-targets=${KC_FUZZ_TARGETS:-fuzz_frame_reader fuzz_server_handshake fuzz_url fuzz_dispatcher fuzz_colour fuzz_facts fuzz_shell_output fuzz_event_line fuzz_log_line fuzz_restore fuzz_script_answer fuzz_wlan_lists}
+targets=${KC_FUZZ_TARGETS:-fuzz_frame_reader fuzz_server_handshake fuzz_url fuzz_dispatcher fuzz_colour fuzz_facts fuzz_shell_output fuzz_event_line fuzz_log_line fuzz_restore fuzz_script_answer fuzz_wlan_lists fuzz_redact fuzz_radios fuzz_ap_reshape fuzz_wlan_edits fuzz_cpu_samples fuzz_event_sender fuzz_stream_sender}
 
 cmake -S "$top" -B "$build" -G Ninja -DKC_FUZZ=ON -DKC_TESTS=OFF \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -101,6 +103,7 @@ for target in $targets; do
     elapsed=$(($(date +%s) - start))
     executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
     rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
+    cov=$(grep -o 'cov: [0-9]*' "$log" | tail -n 1 | sed 's/cov: //')
     if [ "$status" -ne 0 ] ||
         grep -Eq 'ERROR: (AddressSanitizer|LeakSanitizer|libFuzzer)|runtime error:|SUMMARY: ' "$log"; then
         echo "FAILED (exit $status)"
@@ -108,16 +111,20 @@ for target in $targets; do
         failed="$failed $target"
         verdict=FAILED
     else
-        echo "ok (${executions:-?} executions in ${elapsed} s, ${rate:-?} exec/s)"
+        echo "ok (${executions:-?} executions in ${elapsed} s, ${rate:-?} exec/s, cov ${cov:-?})"
         verdict=ok
     fi
-    printf '%-24s %12s %8s %10s  %s\n' "$target" "${executions:-?}" "$elapsed" "${rate:-?}" \
-        "$verdict" >>"$summary"
+    printf '%-24s %12s %8s %10s %8s  %s\n' "$target" "${executions:-?}" "$elapsed" "${rate:-?}" \
+        "${cov:-?}" "$verdict" >>"$summary"
 done
 
 echo
-printf '%-24s %12s %8s %10s  %s\n' target executions seconds exec/s result
+printf '%-24s %12s %8s %10s %8s  %s\n' target executions seconds exec/s cov result
 cat "$summary"
+if [ "$mode" = long ]; then
+    # kept for the figures of tests/fuzz/README.md
+    { date -u '+%Y-%m-%d %H:%M UTC'; cat "$summary"; } >>"$build/fuzz-long-runs.txt"
+fi
 
 if [ -n "$failed" ]; then
     echo "fuzz targets that failed:$failed (inputs in $artifacts)" >&2
