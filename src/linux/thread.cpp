@@ -1,4 +1,4 @@
-/* Thread identity and creation with device-sized stacks. */
+/* Thread creation with device-sized stacks. */
 #include "linux/thread.h"
 
 #include <csignal>
@@ -26,11 +26,6 @@
 #ifndef KC_SANITIZED
 static const size_t kThreadStackSize = 256 * 1024;
 #endif
-
-int currentThreadId(void)
-{
-    return (int)syscall(SYS_gettid);
-}
 
 int createThread(pthread_t *thread, void *(*body)(void *), void *arg,
                  int detached)

@@ -9,7 +9,7 @@
 
 #include "upnp/miniupnpc_compat.h"
 #include "util/debug.h"
-#include "websocket/websocket_client.h"
+#include "util/random.h"
 
 /* State of one operation, filled by initUpnp and released by freeUpnp. */
 static struct UPNPDev *s_devlist = NULL;

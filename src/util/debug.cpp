@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "linux/thread.h"
+#include "util/thread_id.h"
 
 int g_debugFlag = 0;
 

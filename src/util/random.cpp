@@ -5,7 +5,7 @@
  * atomic load or store, so such an interleaving gives other numbers but is
  * never a data race.
  */
-#include "websocket/websocket_client.h"
+#include "util/random.h"
 
 #include <atomic>
 

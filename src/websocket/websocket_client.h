@@ -12,6 +12,7 @@
 #include <atomic>
 
 #include "linux/ssl.h"
+#include "util/random.h"
 
 enum {
     WBS_STATE_CONNECTING = 1,
@@ -81,9 +82,6 @@ struct WbsConnection {
     WbsTransport transport;
 };
 
-/* Process-wide multiply-with-carry generator (keys, masks, back-off). */
-void seedRandom(uint32_t seed);
-uint32_t nextRandom(void);
 
 /* Base64 with "=" padding; characters written (terminated), or -1. */
 int base64Encode(const unsigned char *in, int inLen, char *out, int outCap);
