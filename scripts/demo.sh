@@ -2,6 +2,8 @@
 # Runs the agent against the bundled device server, the agent inside the
 # simulated device (never on the host).  As root on Debian bookworm:
 #
+# Usage: scripts/demo.sh [--once] [--tls] [--upnp]
+#
 #   scripts/demo.sh            # runs until Ctrl-C
 #   scripts/demo.sh --once     # one tour of requests, then exits (0 = all answered)
 #   scripts/demo.sh --tls      # the same over wss://
@@ -18,8 +20,11 @@
 # Lines are prefixed with who printed them: [server] frames and requests of
 # the device server, [agent] the agent's output (frame dumps, debug lines),
 # [device] the connection-state file "/tmp/cloud_conn_state" as it changes
-# and what happens to the device, [gateway] the UPnP gateway.
-# KC_AGENT=path uses an already built agent instead of building one.
+# and what happens to the device, [gateway] the UPnP gateway.  When the
+# agent ends on its own (not through the tour's reboot), the demo ends at
+# once with status 1 and the agent's last lines.
+# KC_AGENT=path uses an already built agent instead of building one (the
+# build is the agent alone, in build/).
 set -eu
 cd "$(dirname "$0")/.."
 top=$(pwd)
@@ -32,14 +37,18 @@ for arg in "$@"; do
     --once) once="--once" ;;
     --tls) tls="--tls" ;;
     --upnp) upnp="--upnp" ;;
-    *) echo "usage: $0 [--once] [--tls] [--upnp]" >&2; exit 2 ;;
+    -h | --help)
+        sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'
+        exit 0 ;;
+    *) echo "usage: $0 [--once] [--tls] [--upnp] [--help]" >&2; exit 2 ;;
     esac
 done
 
 if [ -z "${KC_AGENT:-}" ]; then
     scripts/install-deps.sh
     cmake -S "$top" -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-    cmake --build build
+    # only what the demo runs: the agent (the device server is Python)
+    cmake --build build --target korvat-cloud
     KC_AGENT="$top/build/korvat-cloud"
 fi
 MAC=${KC_DEMO_MAC:-02:4b:56:31:30:01}
@@ -155,7 +164,7 @@ agent_runs() {
             device/run-device run --agent "$KC_AGENT" "$run" -- \
                 /usr/bin/korvat-cloud -d "$url" "$MAC" 2>&1 || st=$?
             echo "$st" > "$work/agent.status"
-        } | prefix "[agent]"
+        } | tee -a "$work/agent.log" | prefix "[agent]"
         st=$(cat "$work/agent.status" 2>/dev/null || echo "?")
         [ ! -e "$work/ending" ] || return 0
         if device/run-device rebooted "$run"; then
@@ -164,8 +173,27 @@ agent_runs() {
             continue
         fi
         echo "[device] the agent ended (status $st)"
+        echo "$st" > "$work/agent.ended"
         return 0
     done
+}
+
+# Waits until the server ends (0) or the agent ends on its own (1).
+wait_server_or_agent() {
+    while [ ! -e "$work/server.status" ]; do
+        [ ! -e "$work/agent.ended" ] || return 1
+        sleep 0.2
+    done
+    wait "$server_pid" || true
+    return 0
+}
+
+agent_ended() {
+    echo "demo: the agent ended (status $(cat "$work/agent.ended")) before the tour" \
+        "was complete; its last lines:"
+    tail -n 15 "$work/agent.log" 2>/dev/null | sed 's/^/    /'
+    echo "demo: tour FAILED"
+    exit 1
 }
 agent_runs &
 agent_pid=$!
@@ -177,7 +205,7 @@ device/run-device watch --prefix "[device] /tmp/cloud_conn_state = " \
 watch_pid=$!
 
 if [ -n "$once" ]; then
-    wait "$server_pid" || true
+    wait_server_or_agent || agent_ended
     status=$(cat "$work/server.status" 2>/dev/null || echo 1)
     # The tour ends with an answered ping, which turns the state to 1; the
     # server going away afterwards turns it back to 0.
@@ -191,4 +219,4 @@ if [ -n "$once" ]; then
     [ "$status" = 0 ] && echo "demo: tour complete" || echo "demo: tour FAILED"
     exit "$status"
 fi
-wait "$server_pid"
+wait_server_or_agent || agent_ended

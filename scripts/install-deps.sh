@@ -4,7 +4,11 @@
 # the UPnP gateway of the remote-access tests: miniupnpd with its nftables
 # backend, a package that installs no service) and the big-endian MIPS
 # target build (cross compilers, qemu-user) need.  Safe to run again: it
-# only calls apt-get when something is missing.
+# only calls apt-get when something is missing, and installing needs root
+# (a user who is not root is told what is missing and stops here).
+#
+# Usage: scripts/install-deps.sh [--list]
+#   --list   prints the packages, one a line, and exits
 set -eu
 
 PACKAGES="build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
@@ -14,11 +18,28 @@ file gcc-mips-linux-gnu g++-mips-linux-gnu qemu-user dpkg-dev
 nodejs node-ws libwebsockets-dev
 miniupnpd-nftables nftables miniupnpc"
 
+case "${1:-}" in
+"") ;;
+-h | --help)
+    sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'
+    exit 0 ;;
+--list)
+    for p in $PACKAGES; do echo "$p"; done
+    exit 0 ;;
+*) echo "usage: scripts/install-deps.sh [--list | --help]" >&2; exit 2 ;;
+esac
+
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
 done
 if [ -n "$missing" ]; then
+    if [ "$(id -u)" != 0 ]; then
+        echo "install-deps: missing Debian packages:$missing" >&2
+        echo "install-deps: installing them needs root: run scripts/install-deps.sh as root" \
+             "(or apt-get install them)" >&2
+        exit 1
+    fi
     echo "Installing:$missing"
     export DEBIAN_FRONTEND=noninteractive
     apt-get update -q

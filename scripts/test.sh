@@ -22,6 +22,14 @@
 # to leave a stage out locally.  Long fuzzing and the benchmarks are separate
 # commands (tests/fuzz/run-fuzzers.sh --long, scripts/bench.sh).
 set -eu
+case "${1:-}" in
+"") ;;
+-h | --help)
+    echo "usage: scripts/test.sh    (settings in the environment, below)"
+    sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'
+    exit 0 ;;
+*) echo "usage: scripts/test.sh (no arguments; --help for the settings)" >&2; exit 2 ;;
+esac
 cd "$(dirname "$0")/.."
 top=$(pwd)
 jobs=${KC_JOBS:-4}

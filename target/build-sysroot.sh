@@ -6,6 +6,13 @@
 # Result: $KORVAT_MIPS_SYSROOT/usr/{include,lib,lib/pkgconfig}, .pc files with
 # prefix=/usr (use PKG_CONFIG_SYSROOT_DIR, as cmake/toolchain-mips-linux-gnu.cmake
 # does). Idempotent: a complete sysroot (stamp file + key files) is left alone.
+# From an empty cache: about 3 minutes on two idle cores (5.5 minutes of
+# CPU, OpenSSL most of it), 16 MB of Debian sources (apt-get source), 140 MB
+# of scratch space removed at the end, 17 MB kept.  When apt has no deb-src
+# entry it adds /etc/apt/sources.list.d/korvat-cloud-src.sources and runs
+# apt-get update (about 10 MB of source indexes).
+#
+# Usage: target/build-sysroot.sh        (settings in the environment)
 #
 # Environment:
 #   KORVAT_MIPS_SYSROOT  output dir   (default /var/cache/korvat-cloud/mips-sysroot)
@@ -15,6 +22,9 @@
 #   JOBS                 parallel make jobs (default: nproc)
 #   FORCE=1              rebuild even if the sysroot is complete
 set -euo pipefail
+case "${1:-}" in
+-h | --help) sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'; exit 0 ;;
+esac
 
 SYSROOT=${KORVAT_MIPS_SYSROOT:-/var/cache/korvat-cloud/mips-sysroot}
 SYSROOT=${SYSROOT%/}

@@ -8,6 +8,9 @@
 # Environment: KORVAT_MIPS_SYSROOT (see build-sysroot.sh), JOBS,
 #   CMAKE_BUILD_TYPE (default MinSizeRel).
 set -euo pipefail
+case "${1:-}" in
+-h | --help) sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'; exit 0 ;;
+esac
 
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(cd "$here/.." && pwd)

@@ -7,6 +7,9 @@
 #
 # Usage: target/qemu-fork-check.sh [RUNS]
 set -eu
+case "${1:-}" in
+-h | --help) sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'; exit 0 ;;
+esac
 cd "$(dirname "$0")/.."
 runs=${1:-10}
 qemu=$(target/qemu-binfmt.sh interpreter)

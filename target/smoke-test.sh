@@ -8,6 +8,9 @@
 #   With OUTPUT_BINARY the built program is also copied there (qemu-binfmt.sh
 #   uses this as a stand-in agent).
 set -euo pipefail
+case "${1:-}" in
+-h | --help) sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'; exit 0 ;;
+esac
 
 here=$(cd "$(dirname "$0")" && pwd)
 top=$(cd "$here/.." && pwd)
