@@ -26,6 +26,16 @@ from simdevice import Device  # noqa: E402
 from device_server import DeviceServer  # noqa: E402
 from rawpeer import RawPeer  # noqa: E402
 
+
+def pytest_sessionstart(session):
+    # The simulated device makes namespaces and mounts: without root the
+    # suite is skipped, with the reason (status 77, which CTest reports as
+    # skipped).
+    if os.geteuid() != 0:
+        pytest.exit("skipped: the simulated device needs root (namespaces, "
+                    "mounts); run the suite as root", returncode=77)
+
+
 AGENT = os.environ.get("KC_AGENT") or os.path.join(ROOT, "build", "korvat-cloud")
 FASTSLEEP = os.environ.get("KC_FASTSLEEP") or os.path.join(
     ROOT, "build", "tests", "e2e", "fastsleep.so")
@@ -37,6 +47,40 @@ MAC = "00:11:22:33:44:55"
 # idle one.  Waits that succeed end as soon as they do; only a failure takes
 # longer to report.  The build sets it (tests/e2e/CMakeLists.txt).
 TIMEOUT_SCALE = float(os.environ.get("KC_TIMEOUT_SCALE") or "1")
+
+
+def scaled(seconds):
+    """A wait for the agent of `seconds` on an idle machine, as long as it
+    is on this one (KC_TIMEOUT_SCALE)."""
+    return seconds * TIMEOUT_SCALE
+
+
+class Deadline(object):
+    """The end of a wait for the agent that takes several calls: `timeout`
+    seconds on an idle machine from now, scaled like every other wait.
+
+        deadline = Deadline(30)
+        while ...:
+            server.next_message(deadline.budget())  # helpers that scale
+            sock.settimeout(deadline.left())        # plain seconds
+    """
+
+    def __init__(self, timeout):
+        self.timeout = scaled(timeout)
+        self.end = time.monotonic() + self.timeout
+
+    def left(self):
+        """Real seconds left (0 once it has passed)."""
+        return max(0.0, self.end - time.monotonic())
+
+    def budget(self, least=0.01):
+        """What is left, as a timeout for a helper that scales its own
+        (DeviceServer, RawPeer, Stream.wait_for): never below `least`."""
+        return max(least, self.left() / TIMEOUT_SCALE)
+
+    def passed(self):
+        return time.monotonic() >= self.end
+
 
 SANITIZER_MARKS = ("AddressSanitizer", "LeakSanitizer", "UndefinedBehaviorSanitizer",
                    "ThreadSanitizer",
@@ -86,7 +130,7 @@ class Stream(object):
 
     def wait_eof(self, timeout=10.0):
         """Wait until the stream is closed and every line is gathered."""
-        self._thread.join(timeout)
+        self._thread.join(scaled(timeout))
         assert not self._thread.is_alive(), "stream still open"
 
     def matching(self, pattern):
@@ -121,51 +165,69 @@ class Agent(object):
     def alive(self):
         return self.proc.poll() is None
 
-    def main_tid(self):
+    def main_tid(self, timeout=5.0):
         """In-device id of the agent's main thread (= its process id)."""
-        deadline = time.monotonic() + 5
-        while time.monotonic() < deadline:
-            found = self.device.find("korvat-cloud")
-            if found:
-                first = found[0]
-                return first["pid"] if isinstance(first, dict) else first
-            time.sleep(0.05)
-        raise AssertionError("korvat-cloud is not running in the device")
+        found = wait_for(lambda: self.device.find("korvat-cloud"), timeout)
+        if not found:
+            raise AssertionError("korvat-cloud is not running in the device")
+        first = found[0]
+        return first["pid"] if isinstance(first, dict) else first
 
     def threads(self, at_least=5, timeout=10.0):
         """In-device ids of the agent's threads, once at least `at_least`
-        run (main, receiving and three sending threads after connecting)."""
-        deadline = time.monotonic() + timeout
-        while True:
+        run (main, receiving and three sending threads after connecting);
+        the ids found last when fewer run."""
+        last = []
+
+        def enough():
             found = self.device.find("korvat-cloud")
-            tids = [tid for tid, _ in found[0]["threads"]] if found else []
-            if len(tids) >= at_least or time.monotonic() > deadline:
-                return tids
-            time.sleep(0.05)
+            last[:] = [tid for tid, _ in found[0]["threads"]] if found else []
+            return len(last) >= at_least
+
+        wait_for(enough, timeout)
+        return list(last)
 
     def timer_tid(self, timeout=15.0):
         """In-device id of the maintenance timer thread, once it has written
         it into /tmp/cloud_timer_pid (a test that writes that file must
         wait for the timer's own write first)."""
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
+        def written():
             text = (self.device.read_file("/tmp/cloud_timer_pid") or "").strip()
-            if text.isdigit():
-                return int(text)
-            time.sleep(0.05)
-        raise AssertionError("the timer thread never wrote /tmp/cloud_timer_pid")
+            return int(text) if text.isdigit() else None
+        tid = wait_for(written, timeout)
+        if tid is None:
+            raise AssertionError("the timer thread never wrote /tmp/cloud_timer_pid")
+        return tid
 
     def state(self):
         text = self.device.read_file("/tmp/cloud_conn_state")
         return None if text is None else text.strip()
 
     def wait_state(self, value, timeout=10.0):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            if self.state() == value:
-                return
-            time.sleep(0.05)
-        raise AssertionError("connection state stayed %r, wanted %r" % (self.state(), value))
+        if not wait_for(lambda: self.state() == value, timeout):
+            raise AssertionError("connection state stayed %r, wanted %r"
+                                 % (self.state(), value))
+
+    def sent_frame(self, id_, start=0, timeout=20.0):
+        """(index of its "Sending text frame:" line, text of its dump) of the
+        first frame from line `start` on that a sending thread of the agent
+        took with this "id" (or, id_ being callable, whose tree it accepts):
+        printed as the thread takes it, before it is on the wire.  Other
+        frames between are passed over."""
+        wanted = id_ if callable(id_) else (lambda tree: tree.get("id") == id_)
+        dashes = "-" * 77
+        while True:
+            j = self.out.wait_for("Sending text frame:", timeout, start=start)
+            end = self.out.wait_for(dashes, timeout, start=j + 1)
+            text = "\n".join(self.out.lines[j + 1:end])
+            try:
+                # the dump colours the method (escape codes in the text)
+                found = bool(wanted(json.loads(re.sub(r"\x1b\[[0-9;]*m", "", text))))
+            except (ValueError, AttributeError, KeyError, IndexError, TypeError):
+                found = False
+            if found:
+                return j, text
+            start = end + 1
 
     def sanitizer_reports(self):
         text = self.err.text() + "\n" + self.out.text()
@@ -271,7 +333,8 @@ def tls_server(device):
 
 @pytest.fixture
 def peer(device):
-    p = RawPeer(host=device.net.gateway_ip, netns=device.net.gateway_ns)
+    p = RawPeer(host=device.net.gateway_ip, netns=device.net.gateway_ns,
+                timeout_scale=TIMEOUT_SCALE)
     yield p
     p.shutdown()
 
@@ -301,11 +364,86 @@ def settings(device, **options):
     device.uci_ok("commit", "korvatCloud")
 
 
+def not_a_status_update(message):
+    return message.method != "dsLogStatusUpdates"
+
+
+def unsolicited(server):
+    """The messages the server holds other than status updates: a check
+    that nothing else came must not count the periodic update that a long
+    test sees."""
+    return [m for m in server.messages if not_a_status_update(m)]
+
+
+_request_barriers = iter(range(1, 10 ** 6))
+
+
+def request_barrier(server, timeout=30.0):
+    """Sends a request for a method the agent does not have and waits for
+    its refusal.  The agent handles its requests one at a time, in order,
+    and sends its replies in the order they were queued: once this reply is
+    in, every request received before it has been handled to its end, and
+    every reply or streamed result queued before it has arrived.  A check
+    that some request had no further effect, or that nothing more was
+    answered, comes after it.  (It runs no device command, so the journal
+    is left as it was.)"""
+    id_ = "barrier-%d" % next(_request_barriers)
+    reply = server.request("kcTestBarrier", {"deviceId": MAC}, id=id_, timeout=timeout)
+    assert reply.data.get("error", {}).get("code") == -32601, reply.raw
+    return reply
+
+
+# The maintenance timer asks this once a tick, in its remote-access check
+# (which runs while "remote_access_timeout" is above 0, as by default).
+TICK_LINE = "uci get upnpc.http.enable"
+
+
+def wait_ticks(device, count=2, timeout=30.0):
+    """Waits until the maintenance timer has begun `count` more ticks,
+    counted in the journal by TICK_LINE.  Once two have begun, all the
+    checks of one whole tick ran after the call: a check that something
+    did not happen then is an ordering check, not a guess at a time.  The
+    remote-access time-out must be above 0 and the journal must not be
+    cleared meanwhile."""
+    start = device.journal().count(TICK_LINE)
+    assert wait_for(lambda: device.journal().count(TICK_LINE) >= start + count, timeout), \
+        "the maintenance timer did not tick %d times (%r)" % (count, TICK_LINE)
+
+
+_barriers = iter(range(9001, 10 ** 6))
+
+
+def timer_barrier(device, server, timeout=30.0):
+    """Makes sure that the maintenance timer ran one whole tick of checks
+    after the call, whatever the settings: twice an event line goes into
+    "/tmp/cEvtLog" and its notification is awaited at the server; the
+    second is taken by a tick that began after the first was sent.  Needs
+    the agent connected to `server`, no pause for the web configuration,
+    and the event file free of other lines; both notifications are taken
+    from the server's messages."""
+    for _ in range(2):
+        number = next(_barriers)
+        text = "timer barrier %d" % number
+        device.write_file("/tmp/cEvtLog.barrier",
+                          "number:%d dateTime:2026-11-15T10:00:00+0100 type:INFO event:%s\n"
+                          % (number, text))
+        r = device.sh("mv /tmp/cEvtLog.barrier /tmp/cEvtLog")
+        assert r.returncode == 0, r.stderr
+        server.next_message(timeout, method="dsEventNotifications",
+                            predicate=lambda m: m.data["params"]["events"][-1]["event"] == text)
+        # the timer empties the file after handing the notification over
+        assert wait_for(lambda: (device.read_file("/tmp/cEvtLog") or "").strip() == "", timeout)
+
+
 def wait_for(condition, timeout=30.0, interval=0.05):
-    """Polls condition until it holds or the time runs out; its last value."""
-    deadline = time.monotonic() + timeout * TIMEOUT_SCALE
-    while time.monotonic() < deadline:
-        if condition():
-            return True
-        time.sleep(interval)
-    return condition()
+    """The one wait for the agent: polls condition until it gives a true
+    value or the time (scaled by KC_TIMEOUT_SCALE) runs out; returns that
+    value, or condition's last value (false) on time-out."""
+    deadline = Deadline(timeout)
+    while True:
+        value = condition()
+        if value:
+            return value
+        if deadline.passed():
+            return condition()
+        time.sleep(min(interval, deadline.left()) or interval)

@@ -36,6 +36,10 @@ _SERVER_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..
 if _SERVER_DIR not in sys.path:
     sys.path.insert(0, _SERVER_DIR)
 
+# Every wait for the agent below is that many times longer on a loaded
+# machine (KC_TIMEOUT_SCALE, as the end-to-end suite's own waits).
+TIMEOUT_SCALE = float(os.environ.get("KC_TIMEOUT_SCALE") or "1")
+
 GUID = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
 SUBPROTOCOL = "nimb-protocol"
 
@@ -315,16 +319,18 @@ class RawPeer(object):
     """Listening raw WebSocket peer; one accepted connection at a time."""
 
     def __init__(self, tls=False, host="127.0.0.1", port=0, cert_dir=None,
-                 tls_max_version=None, netns=None, rcvbuf=None):
+                 tls_max_version=None, netns=None, rcvbuf=None, timeout_scale=None):
         """netns: path of a network namespace to listen in (the device
         network's gateway namespace); the listening socket, and so every
         accepted connection, belongs to it.  tls: True for TLS through
         ssl.SSLSocket, "memory" for TLS over memory buffers
         (MemoryTlsSocket: raw records can be sent).  rcvbuf: SO_RCVBUF of
         the listening socket, inherited by every accepted connection (and
-        so the window it offers)."""
+        so the window it offers).  timeout_scale: multiplies every timeout
+        given to the calls below (default KC_TIMEOUT_SCALE)."""
         self.host = host
         self.tls = tls
+        self.timeout_scale = TIMEOUT_SCALE if timeout_scale is None else timeout_scale
         self.ssl_context = None
         if tls:
             import tlscert
@@ -358,10 +364,15 @@ class RawPeer(object):
         return "%s://%s:%d%s" % (scheme, self.host, self.port,
                                  ("/" + path.lstrip("/")) if path else "")
 
+    def _deadline(self, timeout):
+        """The monotonic time at which a wait of `timeout` (scaled) ends."""
+        return time.monotonic() + timeout * self.timeout_scale
+
     def accept(self, timeout=10.0):
         """Accept the next TCP (and TLS) connection; the previous one is closed."""
         if self.sock is not None:
             self.close()
+        timeout *= self.timeout_scale
         self.listener.settimeout(timeout)
         sock, _ = self.listener.accept()
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -443,7 +454,7 @@ class RawPeer(object):
 
     def read_exact(self, n, timeout=10.0):
         """Exactly n bytes (EOFError if the agent closes first)."""
-        deadline = time.monotonic() + timeout
+        deadline = self._deadline(timeout)
         while len(self._buf) < n:
             if not self._fill(deadline):
                 raise EOFError("agent closed after %d of %d bytes" % (len(self._buf), n))
@@ -453,7 +464,7 @@ class RawPeer(object):
 
     def read_available(self, timeout=0.5):
         """Whatever arrives within timeout (b"" if nothing)."""
-        deadline = time.monotonic() + timeout
+        deadline = self._deadline(timeout)
         try:
             if not self._buf:
                 self._fill(deadline)
@@ -472,7 +483,7 @@ class RawPeer(object):
     def wait_closed(self, timeout=10.0):
         """True once the agent has closed (EOF or reset); bytes read meanwhile
         stay available to read_frame()."""
-        deadline = time.monotonic() + timeout
+        deadline = self._deadline(timeout)
         if self.peer_closed:
             return True
         try:
@@ -486,7 +497,7 @@ class RawPeer(object):
 
     def read_request(self, timeout=10.0):
         """Read the upgrade request up to and including the blank line."""
-        deadline = time.monotonic() + timeout
+        deadline = self._deadline(timeout)
         while b"\r\n\r\n" not in self._buf:
             if not self._fill(deadline):
                 raise EOFError("agent closed during the request: %r" % bytes(self._buf))
@@ -568,7 +579,9 @@ class RawPeer(object):
 
     def read_frame(self, timeout=10.0):
         """Next frame from the agent (TimeoutError; EOFError if it closed)."""
-        deadline = time.monotonic() + timeout
+        return self._read_frame_by(self._deadline(timeout))
+
+    def _read_frame_by(self, deadline):
         while True:
             got = decode_frame(self._buf)
             if got is not None:
@@ -581,9 +594,9 @@ class RawPeer(object):
     def read_message(self, timeout=10.0, answer_pings=False):
         """Next text/binary frame, skipping control frames (optionally
         answering pings); a close frame raises EOFError."""
-        deadline = time.monotonic() + timeout
+        deadline = self._deadline(timeout)
         while True:
-            frame = self.read_frame(max(0.01, deadline - time.monotonic()))
+            frame = self._read_frame_by(deadline)
             if frame.opcode in (OP_TEXT, OP_BINARY, OP_CONT):
                 return frame
             if frame.opcode == OP_CLOSE:

@@ -12,7 +12,7 @@ import subprocess
 
 import pytest
 
-from conftest import AGENT, MAC, TIMEOUT_SCALE, Agent, request_text, wait_for
+from conftest import AGENT, MAC, Agent, request_text, scaled, wait_for
 
 # Results and events may be more than 40 s apart on a loaded machine.
 SERVER_PING_INTERVAL = 15
@@ -142,7 +142,7 @@ def test_a_killed_agent_leaves_no_ghost_connection(device, server):
         # the follower lives on (until the next start stops it), the
         # connection does not
         assert device.find("logread") != []
-        assert conn.wait_closed(15 * TIMEOUT_SCALE)
+        assert conn.wait_closed(scaled(15))
     finally:
         device.stop()
 

@@ -41,7 +41,8 @@ import time
 
 import pytest
 
-from conftest import AGENT, FAILURE_TAIL, HERE, MAC, TIMEOUT_SCALE, Agent, request_text, wait_for
+from conftest import (AGENT, FAILURE_TAIL, HERE, MAC, Agent, Deadline,
+                      request_text, wait_for)
 from rawpeer import RawPeer
 from simdevice import PATH
 
@@ -276,10 +277,10 @@ def settled(agent, server=None):
 
 def served(peer, request_id):
     """Accept and upgrade the next connection; one request answered on it."""
-    peer.accept(20 * TIMEOUT_SCALE)
-    peer.handshake(20 * TIMEOUT_SCALE)
+    peer.accept(20)
+    peer.handshake(20)
     peer.send_text(request_text("dxNoSuchMethod", {"deviceId": MAC}, request_id))
-    reply = peer.read_message(20 * TIMEOUT_SCALE, answer_pings=True)
+    reply = peer.read_message(20, answer_pings=True)
     assert ('"id":"%s"' % request_id) in reply.text, reply.text
 
 
@@ -297,7 +298,7 @@ def close_in_turn(peer, n):
 
 def refusals(peer, count, status, reason):
     for _ in range(count):
-        peer.refuse(status, reason, timeout=20 * TIMEOUT_SCALE)
+        peer.refuse(status, reason, timeout=20)
 
 
 def closes(agent, peer, count, tag):
@@ -307,7 +308,7 @@ def closes(agent, peer, count, tag):
     starts)."""
     for n in range(count):
         served(peer, "%s-%d" % (tag, n))
-        agent.wait_state("1", 20 * TIMEOUT_SCALE)
+        agent.wait_state("1", 20)
         close_in_turn(peer, n)
 
 
@@ -327,7 +328,7 @@ def run_reconnections(agent, peer, bounds, name):
         # a new one, then idle
         turn[0] += 1
         served(peer, "%s-back-%d" % (name, turn[0]))
-        agent.wait_state("1", 20 * TIMEOUT_SCALE)
+        agent.wait_state("1", 20)
 
     for label, warmup, count, run in phases:
         phase = "%s, %s" % (name, label)
@@ -423,8 +424,8 @@ def test_a_hanging_status_command_holds_at_most_one_update(device, server, soak_
     most_hung = 0
     with bounds.sampled():
         target = periods(device) + 25
-        deadline = time.monotonic() + 60 * TIMEOUT_SCALE
-        while periods(device) < target and time.monotonic() < deadline:
+        deadline = Deadline(60)
+        while periods(device) < target and not deadline.passed():
             most_hung = max(most_hung, hung_commands(device))
             time.sleep(0.2)
         most_hung = max(most_hung, hung_commands(device))

@@ -24,6 +24,15 @@ from simdevice import Device  # noqa: E402
 import tlscert  # noqa: E402
 from serverproc import KINDS, ServerProcess  # noqa: E402
 
+
+def pytest_sessionstart(session):
+    # The simulated device makes namespaces and mounts: without root the
+    # suite is skipped, with the reason (status 77, which CTest reports as
+    # skipped).
+    if os.geteuid() != 0:
+        pytest.exit("skipped: the simulated device needs root (namespaces, "
+                    "mounts); run the suite as root", returncode=77)
+
 AGENT = os.environ.get("KC_AGENT") or os.path.join(ROOT, "build", "korvat-cloud")
 MAC = "02:4b:56:31:30:01"
 URL_PATH = "interop/device"
