@@ -3,7 +3,20 @@
 import json
 import re
 
-from conftest import MAC
+from conftest import MAC, request_text
+
+# the device's LAN address (device/template: network.lan.ipaddr)
+LAN_ADDRESS = "192.168.1.2"
+
+
+def about_facts(device):
+    """Gives the device known facts; the exact dxGetAbout result for them."""
+    device.write_file("/etc/version", "2.0.1.7-rc1 build 1234\n")
+    # the product line: one leading character, the quoted product word
+    device.write_file("/etc/mDNSResponder.conf", '# services\n\t"VK310-ap"\n_http._tcp\n')
+    device.set_output("sntool", "SVC-TAG-0042\n")
+    return {"deviceId": MAC, "macAddress": MAC, "firmware": "2.0.1", "model": "VK310-AP",
+            "serviceTag": "SVC-TAG-0042", "lanAddress": LAN_ADDRESS}
 
 
 def error_text(id_text, code, message):
@@ -58,15 +71,12 @@ def test_unknown_method_keeps_the_connection_usable(connected):
 
 def test_get_about_reports_the_device_field_by_field(device, connected):
     agent, server = connected
-    device.write_file("/etc/version", "2.0.1.7-rc1 build 1234\n")
-    # the product line: one leading character, the quoted product word
-    device.write_file("/etc/mDNSResponder.conf", '# services\n\t"VK310-ap"\n_http._tcp\n')
-    device.set_output("sntool", "SVC-TAG-0042\n")
+    about_facts(device)
     reply = server.request("dxGetAbout", {"deviceId": "anything"}, id="17")
     # Members in this order, all strings.
     expected = ('{"jsonrpc":"2.0","id":"17","result":{"deviceId":"%s","macAddress":"%s",'
                 '"firmware":"2.0.1","model":"VK310-AP","serviceTag":"SVC-TAG-0042",'
-                '"lanAddress":"%s"}}' % (MAC, MAC, device.uci_committed("network.lan.ipaddr")))
+                '"lanAddress":"%s"}}' % (MAC, MAC, LAN_ADDRESS))
     assert reply.raw == expected
     journal = device.journal()
     assert "sntool" in journal
@@ -101,31 +111,33 @@ def test_device_id_member_name_is_matched_case_insensitively(connected):
     assert "result" in reply.data
 
 
-def test_frame_dumps_colour_the_method(connected):
+def test_frame_dumps_colour_the_method(device, connected):
     agent, server = connected
-    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="9")
-    # the wire carries the unformatted print of the tree the dump shows
-    j = agent.out.wait_for("Sending text frame:")
-    end = agent.out.wait_for("-" * 77, start=j + 1)
-    dumped = json.loads("\n".join(agent.out.lines[j + 1:end]))
-    assert reply.raw == json.dumps(dumped, separators=(",", ":"))
-    i = agent.out.wait_for(re.compile(r"^Recieved text frame: \d+$"))
+    result = about_facts(device)
+    request = request_text("dxGetAbout", {"deviceId": MAC}, "9")
+    reply = server.request_raw(request, expect_id="9")
+    # the reply, on the wire and in the dump of the frame sent, is the one
+    # these device facts give
+    expected = {"jsonrpc": "2.0", "id": "9", "result": result}
+    assert reply.raw == json.dumps(expected, separators=(",", ":"))
+    # the received frame's dump gives its length in bytes
+    i = agent.out.wait_for("Recieved text frame: %d" % len(request.encode()))
+    j, text = agent.sent_frame("9", start=i)
+    assert json.loads(text) == expected
     dash = "-" * 77
     assert agent.out.lines[i - 2] == dash
     assert re.match(r"^\[\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d\]\[Thread\]\[Func queueWriter\]$",
                     agent.out.lines[i - 1])
-    agent.out.wait_for(re.compile(re.escape('"method":"\x1b[1;33mdxGetAbout\x1b[m"')), timeout=5)
-    j = agent.out.wait_for("Sending text frame:")
+    agent.out.wait_for(re.compile(re.escape('"method":"\x1b[1;33mdxGetAbout\x1b[m"')), timeout=5,
+                       start=i)
     assert agent.out.lines[j - 1].endswith("[Thread][Func queueReader]")
 
 
 def test_reply_without_method_is_dumped_uncoloured(connected):
     agent, server = connected
     server.request("dxGetAbout", {"deviceId": MAC}, id="10")
-    i = agent.out.wait_for("Sending text frame:")
-    end = agent.out.wait_for("-" * 77, start=i + 1)
-    text = "\n".join(agent.out.lines[i + 1:end])
-    assert json.loads(text)["id"] == "10"
+    _, text = agent.sent_frame("10")
+    assert json.loads(text)["result"]["deviceId"] == MAC
     assert "\x1b[" not in text
 
 
