@@ -2,14 +2,12 @@
 miniupnpd as the device's upstream router, in the run's own namespaces
 (device/simgateway.py).  The mappings are checked in the gateway's own
 listing; no SSDP packet of these tests reaches the host's namespace."""
-import json
 import os
 import re
 import socket
 import stat
 import struct
 import threading
-import time
 
 import pytest
 
@@ -17,7 +15,7 @@ import simnet
 from simdevice import Device
 from simgateway import UpnpGateway
 
-from conftest import AGENT, MAC, TIMEOUT_SCALE, device_server
+from conftest import AGENT, MAC, TIMEOUT_SCALE, device_server, timer_barrier, wait_for
 
 RECORD = "/tmp/luci-sessions/external/record_file"
 
@@ -81,16 +79,6 @@ def enable(server, timeout=600, protocol="http", id="e1"):
     if timeout is not None:
         params["timeout"] = timeout
     return server.request("dxEnableRemoteWebUiAccess", params, id=id, timeout=60)
-
-
-def wait_for(test, timeout=15.0):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        value = test()
-        if value:
-            return value
-        time.sleep(0.2)
-    return test()
 
 
 def test_enable_maps_a_random_high_port_to_the_web_interface(rig):
@@ -192,9 +180,10 @@ def test_without_protocol_and_timeout_the_mapping_never_expires(rig):
     # its longest lease (7 days) for it, where a 600 s request gets 600 s
     assert gateway.mappings()[0]["lease"] > 600000
     assert wait_for(lambda: device.uci_committed("korvatCloud.korvatCloud.remote_access_timeout") == "0")
-    # the time-out check is off: the session verdict is never asked for
+    # the time-out check is off: the session verdict is never asked for,
+    # while the timer goes on with its checks
     device.clear_journal()
-    time.sleep(3)
+    timer_barrier(device, server)
     assert not any(line.startswith("session_timeout.lua") for line in device.journal())
     assert [m["external"] for m in gateway.mappings()] == [port]
 
@@ -204,9 +193,9 @@ def test_the_mapping_goes_when_the_web_session_expires(rig):
     device.set_output("session_timeout.lua", "0\n")
     port = enable(server, timeout=120).data["result"]["port"]
     assert wait_for(lambda: device.exists(RECORD))
-    # asked every tick, with the time-out; the session is still alive
-    assert device.wait_journal("session_timeout.lua 120", timeout=10)
-    time.sleep(1.5)
+    # asked every tick, with the time-out; the session is still alive: once
+    # a third tick asks, the first two verdicts have been acted on
+    assert wait_for(lambda: device.journal().count("session_timeout.lua 120") >= 3, 15)
     assert [m["external"] for m in gateway.mappings()] == [int(port)]
     # the web interface reports the session over
     device.set_output("session_timeout.lua", "1\n")
@@ -254,8 +243,10 @@ def test_no_ssdp_packet_reaches_the_host(rig):
                     struct.pack("4s4s", socket.inet_aton("239.255.255.250"),
                                 socket.inet_aton("0.0.0.0")))
     host.settimeout(0.2)
+    sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     seen = []
     stop = threading.Event()
+    nonce = os.urandom(8).hex()
 
     def listen():
         while not stop.is_set():
@@ -264,20 +255,34 @@ def test_no_ssdp_packet_reaches_the_host(rig):
             except socket.timeout:
                 pass
 
+    def probe(n):
+        """A datagram sent on purpose from the host to the SSDP group: the
+        listener hears it (else the check below would prove nothing), and
+        whatever reached the listener before it is in `seen` by then."""
+        text = ("host probe %s %d" % (nonce, n)).encode()
+        sender.sendto(text, ("239.255.255.250", 1900))
+        assert wait_for(lambda: text in list(seen), 10), \
+            "the host's SSDP listener did not hear a probe sent to it"
+
     t = threading.Thread(target=listen)
     t.start()
     try:
+        probe(1)
         port = enable(server).data["result"]["port"]
         server.request("dxDisableRemoteWebUiAccess",
                        {"deviceId": MAC, "ipAddress": simnet.WAN_IP, "port": port},
                        id="x", timeout=60)
-        time.sleep(0.5)
+        # the agent did discover the gateway: its M-SEARCH reached the device network
+        assert "SSDP M-SEARCH from 192.168.1.2" in gateway.log_text()
+        probe(2)
     finally:
         stop.set()
         t.join()
         host.close()
-    # the agent did discover the gateway (an M-SEARCH reached it)...
-    assert "M-SEARCH" in gateway.log_text() or gateway.mappings() == []
-    assert "SSDP M-SEARCH from 192.168.1.2" in gateway.log_text()
-    # ...and nothing of it reached the host's namespace
-    assert [p for p in seen if b"nimb" in p or b"192.168.1." in p or b"M-SEARCH" in p] == []
+        sender.close()
+    # ...and nothing of it reached the host's namespace: only the probes
+    agent_traffic = [p for p in seen if b"nimb" in p or b"192.168.1." in p or b"M-SEARCH" in p
+                     or b"ssdp:" in p.lower()]
+    assert agent_traffic == []
+    assert [p for p in seen if nonce.encode() in p] == [
+        ("host probe %s %d" % (nonce, n)).encode() for n in (1, 2)]
