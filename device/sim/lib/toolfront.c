@@ -153,8 +153,13 @@ struct kstatx {
         uint32_t nsec;
         int32_t pad;
     } atime, btime, ctime, mtime;
-    uint64_t spare[14];
+    uint64_t rest[16];  /* the kernel writes 256 bytes in all */
 };
+_Static_assert(sizeof(struct kstatx) == 256, "struct statx is 256 bytes");
+_Static_assert(sizeof(struct ksigaction) == 32, "struct sigaction, x86_64");
+_Static_assert(sizeof(struct msg) == 56, "struct user_msghdr, x86_64");
+_Static_assert(sizeof(struct cmsg) == 16, "struct cmsghdr, x86_64");
+_Static_assert(sizeof(struct sun) == 110, "struct sockaddr_un");
 
 /* returns from a signal handler (the kernel wants it given) */
 void toolfront_restorer(void);
