@@ -161,9 +161,10 @@ def test_development_build_uses_the_working_tree(tmp_path):
                                     "-lminiupnpc"]
     assert sorted(os.listdir(checkout)) == sorted(
         before + [".source_dir", "build-openwrt"])
-    ignored = subprocess.run(["git", "-C", ROOT, "check-ignore", "-q",
-                              "build-openwrt/"])
-    assert ignored.returncode == 0
+    if shutil.which("git") and os.path.isdir(os.path.join(ROOT, ".git")):
+        ignored = subprocess.run(["git", "-c", "safe.directory=*", "-C", ROOT,
+                                  "check-ignore", "-q", "build-openwrt/"])
+        assert ignored.returncode == 0
 
 
 def test_release_build_unpacks_the_downloaded_tarball(tmp_path):
