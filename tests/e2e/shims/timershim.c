@@ -6,7 +6,8 @@
  *   select() with no descriptors and a timeout (the timer's one-second
  *       wait) is counted.  KC_TICK_FILE names a file that holds, on one
  *       line rewritten in place, the count and "run" or "held".
- *       KC_TICK_HOLD names a file holding a tick number H.  While fewer
+ *       KC_TICK_HOLD names a file holding a tick number H and a newline
+ *       (a file without them is taken as unchanged).  While fewer
  *       than H waits have ended, a wait lasts KC_TICK_SCALE times as long
  *       (default 0: it ends at once).  Once H have ended, the next wait
  *       holds ("H held" in the count file: the checks of tick H are done)
@@ -75,21 +76,28 @@ static void writeState(const char *state)
     }
 }
 
-/* The number in the hold file, or -1 when there is none. */
+/* The number in the hold file, or -1 when there is no such file.  A file
+ * caught between its truncation and its new text (the test rewrites it)
+ * still holds the number read last. */
+static long s_lastHold = -1;
+
 static long holdAt(void)
 {
     if (s_holdFile == NULL || s_holdFile[0] == '\0')
         return -1;
     int fd = open(s_holdFile, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
+        s_lastHold = -1;
         return -1;
+    }
     char text[32];
     ssize_t n = read(fd, text, sizeof text - 1);
     close(fd);
-    if (n <= 0)
-        return -1;
+    if (n <= 0 || text[n - 1] != '\n')
+        return s_lastHold;
     text[n] = '\0';
-    return atol(text);
+    s_lastHold = atol(text);
+    return s_lastHold;
 }
 
 /* A relative wait on the monotonic clock; 0, or -1 with errno EINTR. */
