@@ -1,21 +1,21 @@
 """Reconnect back-off, fast-forwarded: the sleep shim records every sleep(N)
 the agent makes while no server listens, and shortens it."""
-import time
-
 import pytest
+
+from conftest import wait_for
 
 DEAD_URL = "ws://127.0.0.1:9/"  # discard port: nothing listens there
 
 
 def sleeps(device, count, timeout=30):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
+    def recorded():
         text = device.read_file("/tmp/fastsleep.log") or ""
-        values = [int(line.split()[1]) for line in text.splitlines() if line.startswith("sleep ")]
-        if len(values) >= count:
-            return values[:count]
-        time.sleep(0.05)
-    raise AssertionError("only %d sleeps recorded" % len(values))
+        return [int(line.split()[1]) for line in text.splitlines()
+                if line.startswith("sleep ")]
+    values = wait_for(lambda: len(recorded()) >= count and recorded(), timeout)
+    if not values:
+        raise AssertionError("only %d sleeps recorded" % len(recorded()))
+    return values[:count]
 
 
 def set_retry(device, value):

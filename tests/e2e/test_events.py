@@ -9,7 +9,8 @@ import time
 
 import pytest
 
-from conftest import MAC, about, request_text, settings, wait_for
+from conftest import (MAC, about, not_a_status_update, request_barrier, request_text, settings,
+                      timer_barrier, wait_for, wait_ticks)
 
 # Updates and events may be more than 40 s apart on a loaded machine.
 SERVER_PING_INTERVAL = 15
@@ -23,7 +24,7 @@ def settle(device):
     """Waits for the agent's start-up commands to be over."""
     assert device.wait_journal("uci get korvatCloud.korvatCloud.beta_mode", 20)
     assert device.wait_journal("uci get korvatCloud.korvatCloud.auto_update", 20)
-    time.sleep(0.3)
+    wait_ticks(device, 2)
 
 
 def put_event_file(device, text):
@@ -35,12 +36,8 @@ def put_event_file(device, text):
 
 
 def next_message(server, timeout=30, method=None):
-    """The next message other than a status update."""
-    deadline = time.monotonic() + timeout
-    while True:
-        message = server.next_message(max(0.1, deadline - time.monotonic()), method=method)
-        if message.method != "dsLogStatusUpdates":
-            return message
+    """The next message other than a status update (those stay queued)."""
+    return server.next_message(timeout, method=method, predicate=not_a_status_update)
 
 
 def pending(server):
@@ -97,19 +94,22 @@ def test_event_lines_go_out_byte_for_byte_and_the_file_is_emptied(device, ready)
         '"event":"Memory usage greater then 90%."}',
         # the last line had no newline: its last character goes all the same
         '{"number":8,"dateTime":"2026-11-15T10:00:01+01:00","type":"INFO","event":"Reboote"}')
-    # emptied with echo "": one empty line stays, which sends nothing
+    # emptied with echo "": one empty line stays, which sends nothing; the
+    # events go out in order, so one sent now comes after any other
     assert wait_for(lambda: device.read_file("/tmp/cEvtLog") == "\n")
-    time.sleep(2.5)
+    timer_barrier(device, server)
     assert pending(server) == []
 
 
 def test_an_event_file_holding_only_the_empty_line_sends_nothing(device, ready):
     agent, server = ready
     put_event_file(device, "\n")
-    time.sleep(3)
+    wait_ticks(device, 2)  # the timer has read it in a whole tick
     assert pending(server) == []
     assert device.read_file("/tmp/cEvtLog") == "\n"
-    # the sender was at work all along: a real line goes out at once
+    # the sender was at work all along: a real line goes out at once, and
+    # is the first notification (one made from the empty line would come
+    # before it)
     put_event_file(device, "\n" + EVENT % (1, 1, 1))
     message = next_message(server, 30)
     assert message.raw == notification(
@@ -134,7 +134,7 @@ def test_an_event_file_that_cannot_be_opened_is_reported_path_first(device, read
     agent, server = ready
     device.write_file("/tmp/cEvtLog", EVENT % (4, 4, 4), mode=0o000)
     agent.out.wait_for("Func /tmp/cEvtLog: File sendEventLog doesn't exist.", timeout=10)
-    time.sleep(1.5)
+    wait_ticks(device, 2)
     assert pending(server) == []
     # left as it was
     assert device.read_file("/tmp/cEvtLog") == EVENT % (4, 4, 4)
@@ -231,7 +231,8 @@ def test_with_nine_replies_waiting_the_capture_is_discarded(device, server, star
     got = [next_message(server, 30) for _ in range(10)]
     assert [m.data["id"] for m in got] == ["busy"] + ["q%d" % i for i in range(1, 10)]
     assert all("result" in m.data and m.conn is second for m in got)
-    time.sleep(1.5)
+    # nothing more: replies and streamed results go out in order
+    request_barrier(server)
     assert pending(server) == []
     # streaming goes on; the discarded line never comes
     device.append_syslog("Nov 15 23:12:30 VK310 user.notice root: after")
@@ -253,7 +254,8 @@ def test_with_the_event_queue_nearly_full_the_event_file_is_emptied(device, serv
         put_event_file(device, EVENT % (n, n, n))
         assert wait_for(lambda: device.read_file("/tmp/cEvtLog") == "\n", 10), n
         if n == 1:
-            time.sleep(0.5)  # taken by the sending thread
+            # taken by the sending thread, which holds it
+            agent.sent_frame(lambda tree: tree["params"]["events"][0]["number"] == 1)
     # one free slot: the eleventh is emptied without a notification
     put_event_file(device, EVENT % (11, 11, 11))
     assert wait_for(lambda: device.read_file("/tmp/cEvtLog") == "\n", 10)
@@ -264,5 +266,6 @@ def test_with_the_event_queue_nearly_full_the_event_file_is_emptied(device, serv
     assert all(m.conn is second for m in got)
     assert got[9].raw == notification(
         '{"number":10,"dateTime":"2026-11-15T10:00:10+01:00","type":"INFO","event":"E10"}')
-    time.sleep(2)
+    # the eleventh never comes: events go out in order
+    timer_barrier(device, server)
     assert pending(server) == []

@@ -2,9 +2,8 @@
 that wait for the server to come back."""
 import json
 import re
-import time
 
-from conftest import MAC
+from conftest import MAC, Deadline, request_barrier, wait_for
 
 # sntool stalls while /tmp/slow exists (for two minutes at most), which keeps
 # the main thread inside one dxGetAbout until the test lets it go: no timing
@@ -18,11 +17,16 @@ def about(id_):
                        "params": {"deviceId": MAC}}, separators=(",", ":"))
 
 
+def not_a_status_update(message):
+    return message.method != "dsLogStatusUpdates"
+
+
 def collect(server, count, timeout=30):
+    """The next `count` messages other than status updates."""
     got = []
-    deadline = time.monotonic() + timeout
+    deadline = Deadline(timeout)
     while len(got) < count:
-        got.append(server.next_message(max(0.1, deadline - time.monotonic())))
+        got.append(server.next_message(deadline.budget(), predicate=not_a_status_update))
     return got
 
 
@@ -35,7 +39,7 @@ def test_eleventh_request_while_busy_is_refused_and_never_run(device, connected)
     for i in range(1, 12):
         server.send_text(about("q%d" % i))
     # the refusal leaves while the main thread is still busy, ahead of every reply
-    first = server.next_message(30)
+    first = server.next_message(30, predicate=not_a_status_update)
     assert first.raw == ('{"jsonrpc":"2.0","id":"q11","error":{"code":10002,'
                          '"message":"Too many items in a list","data":""}}')
     device.remove_file("/tmp/slow")
@@ -44,8 +48,9 @@ def test_eleventh_request_while_busy_is_refused_and_never_run(device, connected)
     assert all("result" in m.data for m in rest)
     # q11 never ran: one sntool call for each executed dxGetAbout
     assert device.journal().count("sntool") == 11
-    time.sleep(0.5)
-    assert server.messages == []
+    # nothing more: a reply queued now leaves after any other
+    request_barrier(server)
+    assert [m for m in server.messages if not_a_status_update(m)] == []
 
 
 def test_replies_leave_in_request_order(connected):
@@ -74,9 +79,15 @@ def test_replies_queued_while_the_server_is_gone_arrive_after_reconnection(devic
     server.pause()
     server.drop()
     agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=10)
+    start = len(agent.out.lines)
     device.remove_file("/tmp/slow")
-    time.sleep(3)
-    assert server.messages == []
+    # all four replies are made (each handed to the reply writer) while
+    # the server is away
+    assert wait_for(lambda: sum(1 for line in agent.out.lines[start:]
+                                if re.search(r"\]\[LINE 682\]: produceObject: end$", line)) >= 4,
+                    30)
+    assert device.journal().count("sntool") == 4
+    assert [m for m in server.messages if not_a_status_update(m)] == []
     server.resume()
     second = server.wait_for_connection(20)
     got = collect(server, 4)

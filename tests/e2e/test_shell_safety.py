@@ -5,7 +5,7 @@ import os
 
 import pytest
 
-from conftest import ROOT
+from conftest import ROOT, scaled
 
 PROBE = os.environ.get("KC_SHELL_PROBE") or os.path.join(
     ROOT, "build", "tests", "e2e", "shell_probe")
@@ -31,7 +31,7 @@ NASTY = [
 def run_probe(device, *args):
     p = device.start([PROBE_IN_DEVICE] + list(args),
                      binds=[(PROBE, PROBE_IN_DEVICE)])
-    out, err = p.communicate(timeout=60)
+    out, err = p.communicate(timeout=scaled(60))
     device.stop()
     return p.returncode, out.decode("utf-8", "surrogateescape"), err.decode()
 

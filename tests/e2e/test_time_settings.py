@@ -10,7 +10,7 @@ from datetime import datetime
 
 import pytest
 
-from conftest import MAC
+from conftest import MAC, request_barrier, wait_for, wait_ticks
 
 INVALID = '{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,"message":"Invalid method parameter","data":""}}'
 SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
@@ -28,9 +28,7 @@ def writes(device):
 
 
 def wait_committed(device, path, value, timeout=10):
-    deadline = time.monotonic() + timeout
-    while device.uci_committed(path) != value and time.monotonic() < deadline:
-        time.sleep(0.1)
+    wait_for(lambda: device.uci_committed(path) == value, timeout)
     return device.uci_committed(path)
 
 
@@ -101,7 +99,7 @@ def test_get_time_settings_without_device_id(device, connected):
     device.clear_journal()
     reply = server.request("dxGetTimeSettings", {"timeZone": "-5:00"}, id="4")
     assert reply.raw == INVALID % "4"
-    time.sleep(0.3)
+    request_barrier(server)
     journal = device.journal()
     assert "uci get system.system.timezone" not in journal
     assert "uci get ntpclient.daylightsaving.DayLightEnable" not in journal
@@ -188,7 +186,7 @@ def test_refusals_come_before_any_write(device, connected, name, params):
     device.clear_journal()
     reply = server.request("dxSetTimeSettings", params, id="r")
     assert reply.raw == INVALID % "r"
-    time.sleep(0.3)
+    request_barrier(server)
     journal = device.journal()
     assert not any(line.startswith("uci set") or line.startswith("uci commit")
                    for line in journal), journal
@@ -226,7 +224,7 @@ def test_the_apply_step_does_not_wait_for_the_reply_to_leave(device, server, sta
     agent.timer_tid()
     # requests wait while the web configuration reloads
     device.write_file("/tmp/luci_reload_cmd", "")
-    time.sleep(2.5)  # the timer notices within a tick
+    wait_ticks(device, 2)  # a whole tick has seen it
     server.send_text(json.dumps({"jsonrpc": "2.0", "id": "held", "method": "dxSetTimeSettings",
                                  "params": {"deviceId": MAC, "timeZone": "Japan"}}))
     # received (the dump of the request), not yet handled
@@ -246,7 +244,7 @@ def test_the_apply_step_does_not_wait_for_the_reply_to_leave(device, server, sta
     # the reply, queued before, leaves on the next connection
     server.resume()
     second = server.wait_for_connection(20)
-    got = server.next_message(15)
+    got = server.next_message(15, predicate=lambda m: m.method != "dsLogStatusUpdates")
     assert got.raw == SUCCESS % ("held", MAC)
     assert got.conn is second
 
@@ -267,6 +265,6 @@ def test_request_text_never_reaches_uci_as_is(device, connected):
         device.clear_journal()
         reply = server.request("dxSetTimeSettings", {"deviceId": MAC, "timeZone": text}, id="q2")
         assert reply.raw == INVALID % "q2"
-        time.sleep(0.2)
+        request_barrier(server)
         assert writes(device) == []
     assert not device.exists("/tmp/pwned")
