@@ -20,12 +20,26 @@ device server listening in the device's gateway namespace:
    hour's worth of timer ticks.  The timer waits with select(); a small
    preloaded library built here shortens those waits (and only those), so
    the ticks of an hour pass in minutes, and counts them.
+4. Threads, descriptors and memory over an hour of a busy connection, over
+   ws:// and over wss://: the timer's 3600 ticks, status periods of 10 s
+   (at least 360), every minute a batch of requests, every five minutes
+   the connection dropped and the next upgrades refused with HTTP 401 and
+   503.  The waits are shortened alike (the tick library above, and
+   tests/e2e/shims/periodshim.c for the status period and the
+   reconnection back-off) and the commands run at every tick, update and
+   request (uci get of the settings, date, free) are answered by small
+   scripts, as in the end-to-end suite test_resource_bounds.py: the hour
+   passes in minutes and costs the agent's own work.  A row of figures
+   every ten minutes of the device's time; the threads and descriptors of
+   a row are the lowest over a second (the idle agent), "(most)" the
+   highest thread count seen since the last row.
 
 Only figures are printed; nothing is judged.
 """
 import argparse
 import collections
 import datetime
+import http
 import os
 import platform
 import shutil
@@ -45,6 +59,8 @@ import simnet  # noqa: E402
 from simdevice import Device  # noqa: E402
 from simgateway import UpnpGateway  # noqa: E402
 from conftest import MAC, Agent, device_server  # noqa: E402
+from device_server import DeviceServer  # noqa: E402
+import test_resource_bounds as soak  # noqa: E402
 
 CLK_TCK = os.sysconf("SC_CLK_TCK")
 ACCESS_TIMEOUT = 86400      # seconds the opened remote access stays valid
@@ -385,6 +401,157 @@ def measure_memory(args, workdir):
             "updates": updates, "connections": connections}
 
 
+# ---- 4. threads, descriptors and memory over a busy hour --------------------
+
+LONG_MINUTES = 60
+LONG_REQUESTS_PER_MINUTE = 20       # every tenth a dxGetAbout
+LONG_RECONNECT_EVERY = 5            # minutes
+LONG_REFUSALS = (401, 503, 401, 503)
+LONG_STATUS_PERIOD = 10             # seconds (auto_update)
+LONG_REPORT_EVERY = 10              # minutes
+
+
+class RefusingServer(DeviceServer):
+    """The device server, answering the next upgrades with plain HTTP
+    statuses while refuse() has some left."""
+
+    def __init__(self, *args, **kw):
+        super().__init__(*args, **kw)
+        self.to_refuse = []
+        self.refused = 0
+
+    def refuse(self, statuses):
+        self.to_refuse.extend(statuses)
+
+    async def _process_request(self, path, headers):
+        if self.to_refuse:
+            status = self.to_refuse.pop(0)
+            self.refused += 1
+            return (http.HTTPStatus(status), [("Content-Length", "0")], b"")
+        return await super()._process_request(path, headers)
+
+
+def long_run(args, workdir, tls):
+    """Rows of figures over the hour, one every LONG_REPORT_EVERY minutes."""
+    tick_shim = build_shim(workdir)
+    period_shim = os.path.join(workdir, "periodshim.so")
+    cc = shutil.which("cc") or shutil.which("gcc")
+    subprocess.run([cc, "-shared", "-fPIC", "-O2", "-o", period_shim, soak.SHIM_SRC, "-ldl"],
+                   check=True)
+    with Device() as device:
+        soak.fast_tools(device, auto_update=LONG_STATUS_PERIOD, conn_retry=10)
+        server = RefusingServer(host=device.net.gateway_ip, netns=device.net.gateway_ns,
+                                ping_interval=20.0, echo=False, tls=tls)
+        server.start()
+        try:
+            env = soak.soak_env(args.long_period_scale)
+            # ticks and status periods shortened alike: the device's time
+            # runs args.long_period_scale times as fast as real time
+            env.update({"KC_TICK_SCALE": str(args.long_period_scale),
+                        "KC_TICK_COUNT_FILE": "/tmp/bench_ticks",
+                        "KC_TICK_GO_FILE": "/tmp/bench_go"})
+            agent = start_agent(device, args.agent, server.url, args.debug, env,
+                                [tick_shim, period_shim])
+            server.wait_for_connection(timeout=20)
+            agent.timer_tid()
+            wait_until(lambda: status_updates(server) >= 1,
+                       LONG_STATUS_PERIOD * args.long_period_scale + 30, "the first status update")
+            try:
+                return LongRun(args, device, server, agent).run()
+            except Exception:
+                print("   the agent's last lines:")
+                print("\n".join("   | " + line for line in agent.out.lines[-80:]))
+                raise
+        finally:
+            server.stop()
+
+
+class LongRun(object):
+    """The hour, minute by minute: requests, reconnections, the device's
+    ticks and status periods."""
+
+    def __init__(self, args, device, server, agent):
+        self.args = args
+        self.device = device
+        self.server = server
+        self.agent = agent
+        self.fig = soak.Figures(agent)
+        self.start_ticks, _ = tick_count(device)
+        self.start_periods = soak.periods(device)
+        self.requests = 0
+        self.reconnections = 0
+        self.t0 = time.monotonic()
+        self.rows = []
+
+    def row(self, minute, most_threads):
+        # the idle figures: the lowest over a moment (an update or a
+        # command may be running)
+        threads, fds = self.fig.steady(1.0)
+        rss, _ = memory_kb(self.fig.pid)
+        dirty, clean = self.fig.memory()
+        ticks, _ = tick_count(self.device)
+        self.rows.append({
+            "minute": minute, "ticks": ticks - self.start_ticks,
+            "periods": soak.periods(self.device) - self.start_periods,
+            "updates": status_updates(self.server), "requests": self.requests,
+            "reconnections": self.reconnections, "refused": self.server.refused,
+            "threads": threads, "most_threads": most_threads, "fds": fds,
+            "rss": rss, "dirty": dirty, "clean": clean,
+            "wall": time.monotonic() - self.t0})
+
+    def minute(self, minute):
+        for n in range(LONG_REQUESTS_PER_MINUTE):
+            rid = "m%d-%d" % (minute, n)
+            if n % 10 == 9:
+                self.server.request("dxGetAbout", {"deviceId": MAC}, id=rid, timeout=60)
+            else:
+                self.server.request("dxNoSuchMethod", {"deviceId": MAC}, id=rid, timeout=60)
+            self.requests += 1
+        if minute % LONG_RECONNECT_EVERY == 0:
+            self.server.refuse(LONG_REFUSALS)
+            self.server.drop()
+            self.server.wait_for_connection(timeout=60)
+            self.reconnections += 1
+        # the device's minute has passed: its ticks and status periods
+        wait_until(lambda: tick_count(self.device)[0] - self.start_ticks >= minute * 60 and
+                   soak.periods(self.device) - self.start_periods >=
+                   minute * 60 // LONG_STATUS_PERIOD,
+                   self.args.memory_timeout, "minute %d" % minute)
+        if not self.agent.alive():
+            raise RuntimeError("the agent ended during the long run")
+
+    def run(self):
+        self.row(0, self.fig.threads())
+        # every tick of the run shortened (and a few more: the last row)
+        self.device.write_file("/tmp/bench_go", "%d\n" % (self.args.long_minutes * 60 + 600))
+        with self.fig:
+            for minute in range(1, self.args.long_minutes + 1):
+                self.minute(minute)
+                if minute % LONG_REPORT_EVERY == 0:
+                    self.row(minute, max(self.fig.samples))
+                    print("   ... minute %d, %.0f s" % (minute, time.monotonic() - self.t0),
+                          flush=True)
+        return self.rows
+
+
+def report_long(args, label, rows):
+    print("   %s; a status period lasts %.2f s, a tick's wait %.3g s" % (
+        label, LONG_STATUS_PERIOD * args.long_period_scale, args.long_period_scale))
+    print("   %6s %6s %7s %7s %8s %6s %7s %7s %7s %4s %7s %7s %7s %6s" % (
+        "minute", "ticks", "periods", "updates", "requests", "reconn", "refused",
+        "threads", "(most)", "fds", "VmRSS", "p.dirty", "p.clean", "wall s"))
+    for r in rows:
+        print("   %6d %6d %7d %7d %8d %6d %7d %7d %7d %4d %7d %7d %7d %6.0f" % (
+            r["minute"], r["ticks"], r["periods"], r["updates"], r["requests"],
+            r["reconnections"], r["refused"], r["threads"], r["most_threads"], r["fds"],
+            r["rss"], r["dirty"], r["clean"], r["wall"]))
+    first, last = rows[1] if len(rows) > 1 else rows[0], rows[-1]
+    print("   from minute %d to %d: private dirty %+d kB, VmRSS %+d kB, descriptors %+d, "
+          "threads %+d" % (first["minute"], last["minute"], last["dirty"] - first["dirty"],
+                           last["rss"] - first["rss"], last["fds"] - first["fds"],
+                           last["threads"] - first["threads"]))
+
+
 # ---- the run ----------------------------------------------------------------
 
 def fmt_ms(seconds):
@@ -410,7 +577,15 @@ def main():
     ap.add_argument("--state-only", action="store_true",
                     help="open remote access by writing its state, without the UPnP gateway")
     ap.add_argument("--debug", action="store_true", help="run the agent with -d")
-    ap.add_argument("--skip", default="", help="comma-separated parts to leave out: cpu,commands,memory")
+    ap.add_argument("--long-period-scale", type=float, default=0.03,
+                    help="the long run's waits (ticks, status periods) as a share of their "
+                         "length (default 0.03: a status period of 10 s lasts 0.3 s)")
+    ap.add_argument("--long-minutes", type=int, default=LONG_MINUTES,
+                    help="minutes of the device's time in the long run (default %d)" % LONG_MINUTES)
+    ap.add_argument("--long-transports", default="ws,wss",
+                    help="transports of the long run: ws, wss or both (default ws,wss)")
+    ap.add_argument("--skip", default="",
+                    help="comma-separated parts to leave out: cpu,commands,memory,long")
     args = ap.parse_args()
     skip = set(filter(None, args.skip.split(",")))
     if not os.path.isfile(args.agent):
@@ -438,6 +613,15 @@ def main():
             print("3. Memory of the agent (kB), before and after %d timer ticks" % args.ticks)
             mem = measure_memory(args, workdir)
             report_memory(args, mem)
+            print()
+        if "long" not in skip:
+            print("4. Threads, descriptors and memory (kB) over %d minutes: %d requests a "
+                  "minute, every %d minutes the connection dropped and %s refused" % (
+                      args.long_minutes, LONG_REQUESTS_PER_MINUTE, LONG_RECONNECT_EVERY,
+                      "/".join(str(x) for x in LONG_REFUSALS)), flush=True)
+            for transport in filter(None, args.long_transports.split(",")):
+                rows = long_run(args, workdir, tls=(transport == "wss"))
+                report_long(args, transport + "://", rows)
     finally:
         shutil.rmtree(workdir, ignore_errors=True)
     return 0
