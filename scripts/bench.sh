@@ -4,6 +4,8 @@
 # device, against the bundled device server in the device's gateway
 # namespace.  As root on Debian bookworm:
 #
+# Usage: scripts/bench.sh [OPTIONS]     (the options: --help)
+#
 #   scripts/bench.sh                  # about 20 minutes
 #   scripts/bench.sh --seconds 30     # shorter CPU measurements
 #   scripts/bench.sh --skip memory    # leave out a part (cpu,commands,memory,long)
@@ -26,10 +28,21 @@ set -eu
 cd "$(dirname "$0")/.."
 top=$(pwd)
 
+for arg in "$@"; do
+    case "$arg" in
+    -h | --help)
+        sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'
+        echo
+        # the options themselves (argparse prints them and exits; nothing runs)
+        exec /usr/bin/python3 scripts/bench.py --help ;;
+    esac
+done
+
 if [ -z "${KC_AGENT:-}" ]; then
     scripts/install-deps.sh
     cmake -S "$top" -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-    cmake --build build
+    # the agent alone: the benchmark builds its own preloaded tick library
+    cmake --build build --target korvat-cloud
     KC_AGENT="$top/build/korvat-cloud"
 fi
 export KC_AGENT
