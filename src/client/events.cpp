@@ -352,7 +352,7 @@ void logStreamCheck(int tick)
 {
     if (!s_streaming || (tick % 5 != 0 && !s_backlog))
         return;
-    if (freeSlotCount(&g_sendQueues[SEND_QUEUE_REPLY]) < 2) {
+    if (sendQueueFreeSlots(SEND_QUEUE_REPLY) < 2) {
         /* the captured lines are dropped */
         s_captureOffset = 0;
         s_backlog = 0;

@@ -99,8 +99,12 @@ int main(int argc, char **argv)
 
     setReplySentHook(pendingAckReplySent);
     setMaintenanceTimer(timerHandler);
-    initConnection(url, g_deviceMac, NULL, NULL, onPingHook, onCloseHook,
-                   onReconnectionHook);
+    if (initConnection(url, g_deviceMac, NULL, NULL, onPingHook, onCloseHook,
+                       onReconnectionHook) != 0) {
+        /* none of the URL forms: no attempt could ever succeed */
+        fprintf(stderr, "Invalid device server URL: %s\n", url);
+        return -1;
+    }
 
     for (;;) {
         cJSON *request = NULL;

@@ -69,7 +69,7 @@ static int luciReloadCheck(void)
 
 static void runChores(int tick)
 {
-    int eventFreeSlots = freeSlotCount(&g_sendQueues[SEND_QUEUE_EVENT]);
+    int eventFreeSlots = sendQueueFreeSlots(SEND_QUEUE_EVENT);
     int paused = luciReloadCheck();
     timeSyncCheck(tick);
     remoteAccessExpiryCheck();

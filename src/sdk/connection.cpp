@@ -143,9 +143,9 @@ int establishWbsConnection(void)
                                                   onServerPing, handleWbsClose);
         reconnection = 0;
         if (g_wbsConnection == NULL) {
-            /* No attempt could ever succeed: say so and stop. */
-            fprintf(stderr, "Invalid device server URL: %s\n", s_context.url);
-            exit(255);
+            /* no attempt could ever succeed */
+            connectionWriteUnlock(&s_connectionLock);
+            return -1;
         }
     }
     int attempts = 0;
@@ -173,9 +173,9 @@ void closeServerConnection(void)
     connectionReadUnlock(&s_connectionLock);
 }
 
-void initConnection(const char *url, const char *mac, void *ignored1,
-                    void *ignored2, ConnectionHook onPing,
-                    ConnectionHook onClose, ConnectionHook onReconnection)
+int initConnection(const char *url, const char *mac, void *ignored1,
+                   void *ignored2, ConnectionHook onPing,
+                   ConnectionHook onClose, ConnectionHook onReconnection)
 {
     struct sigaction ignore;
     memset(&ignore, 0, sizeof ignore);
@@ -193,7 +193,8 @@ void initConnection(const char *url, const char *mac, void *ignored1,
     s_context.onReconnection = onReconnection;
     initConnectionLock(&s_connectionLock);
 
-    establishWbsConnection();
+    if (establishWbsConnection() != 0)
+        return -1;
 
     initNimbQueues();
 
@@ -207,4 +208,5 @@ void initConnection(const char *url, const char *mac, void *ignored1,
     setStatusDeviceId(mac);
     ret = createThread(&thread, dsLogStatusUpdatesHandler, NULL, 1);
     KC_ASSERT_AT(362, 0 == ret, "0==ret");
+    return 0;
 }

@@ -43,9 +43,15 @@ void setReplySentHook(ReplySentHook hook);
  * after the queues (set before initConnection). */
 void setMaintenanceTimer(void *(*body)(void *));
 
-void initConnection(const char *url, const char *mac, void *ignored1,
-                    void *ignored2, ConnectionHook onPing,
-                    ConnectionHook onClose, ConnectionHook onReconnection);
+/* Opens the connection (blocks, retrying, until it is up), creates the
+ * queues and starts the threads.  0; -1 when the URL is none of the forms
+ * the agent knows, so that no attempt could ever succeed (nothing was
+ * started then; the caller reports it). */
+int initConnection(const char *url, const char *mac, void *ignored1,
+                   void *ignored2, ConnectionHook onPing,
+                   ConnectionHook onClose, ConnectionHook onReconnection);
+/* 0 once connected; -1 when there is no connection record to connect
+ * (the URL could not be parsed). */
 int establishWbsConnection(void);
 void handleWbsClose(void);
 void updateLastActivity(void);
@@ -60,6 +66,11 @@ unsigned int retryDelay(int interval, int *attempts);
  * after any close); nothing while a reconnection is under way.  Never
  * waits behind a send that cannot progress. */
 void closeServerConnection(void);
+
+/* Free slots of a send queue (SEND_QUEUE_REPLY, _STATUS, _EVENT): the
+ * checks that discard device-side data rather than block on a full queue
+ * read it. */
+int sendQueueFreeSlots(int which);
 
 void initNimbThreads(void);
 void *queueWriter(void *queue);

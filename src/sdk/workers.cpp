@@ -150,6 +150,11 @@ void writeJsonEvent(cJSON *message)
     produceObject(&g_sendQueues[SEND_QUEUE_EVENT], message, PRODUCE_BLOCKING);
 }
 
+int sendQueueFreeSlots(int which)
+{
+    return freeSlotCount(&g_sendQueues[which]);
+}
+
 void initNimbThreads(void)
 {
     pthread_t thread;
