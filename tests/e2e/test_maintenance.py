@@ -7,11 +7,11 @@ import datetime
 import json
 import os
 import re
-import time
 
 import pytest
 
-from conftest import MAC, about, request_text, settings, wait_for
+from conftest import (MAC, about, request_barrier, request_text, settings, timer_barrier,
+                      wait_for, wait_ticks)
 
 INVALID = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
            '"message":"Invalid method parameter","data":""}}')
@@ -55,7 +55,7 @@ def settle(device):
     assert device.wait_journal("uci get korvatCloud.korvatCloud.beta_mode", 20)
     assert device.wait_journal(
         "uci get korvatCloud.korvatCloud.auto_update", 20)
-    time.sleep(0.3)
+    wait_ticks(device, 2)
 
 
 def lines(device, *prefixes):
@@ -64,12 +64,9 @@ def lines(device, *prefixes):
 
 
 def next_reply(server, timeout=30):
-    """The next message that is not a status update."""
-    deadline = time.monotonic() + timeout
-    while True:
-        message = server.next_message(max(0.1, deadline - time.monotonic()))
-        if message.method != "dsLogStatusUpdates":
-            return message
+    """The next message that is not a status update (status updates stay
+    queued)."""
+    return server.next_message(timeout, predicate=lambda m: m.method != "dsLogStatusUpdates")
 
 
 def no_messages(server):
@@ -159,11 +156,11 @@ def test_reset_takes_the_waiting_requests_across_the_reboot(device, server, star
     assert copies["cloud_recv_cmd.backup"] == "2\n%s\n%s\n" % (about("a1"), about("a2"))
     assert set(copies) <= {"cloud_recv_cmd.backup", "cloud_sent_cmd.backup",
                            "cloud_sent_status_cmd.backup", "cloud_sent_event_cmd.backup"}
-    if "cloud_sent_cmd.backup" in copies:
-        # replies that had not left the queue yet go out after the boot
-        saved = copies["cloud_sent_cmd.backup"].splitlines()
-        assert saved[0] == str(len(saved) - 1)
-        assert all(json.loads(line)["id"] in ("busy", "reset") for line in saved[1:])
+    # both replies had left before the reset saved the queues (the server
+    # took them above): none is kept for the next boot, none went twice;
+    # nor is an event waiting (the reboot's own goes into /tmp/cEvtLog)
+    assert "cloud_sent_cmd.backup" not in copies
+    assert "cloud_sent_event_cmd.backup" not in copies
 
     # the next boot: the flash copies come back and both requests run
     seen = got + server.messages
@@ -184,25 +181,81 @@ def test_reset_takes_the_waiting_requests_across_the_reboot(device, server, star
     assert all("result" in m.data for m in replies.values())
     assert lines(device, "mount", "umount", "sntool") == [
         "mount -t jffs2 /dev/mtdblock2 /mnt/_sys1", "umount /mnt/_sys1", "sntool", "sntool"]
+    # the copies were moved off the flash (cp; rm) and the mount point
+    # removed after the umount (rm -r): no device tools, so their work is
+    # checked in the file system
     assert flash(device) == {}
+    assert not device.exists("/mnt/_sys1")
     assert not device.exists("/etc/cloud_recv_cmd.backup")
-    # the boot emptied /tmp: the reboot's event is not sent again
+    # the boot emptied /tmp: the reboot's event is not sent again; events
+    # go out in order, so one sent now comes after any other
     assert not device.exists("/tmp/cEvtLog")
-    time.sleep(1.5)
+    timer_barrier(device, server)
     assert not any(m.method == "dsEventNotifications" for m in server.messages)
     assert agent.alive()
     # each request ran once and each reply arrived once, over both runs
+    # (a reply sent now comes after any other)
+    request_barrier(server)
     seen += list(replies.values()) + server.messages
     ids = [m.data.get("id") for m in seen if m.method is None]
     assert sorted(ids) == ["a1", "a2", "busy", "reset"], ids
     assert device.journal().count("sntool") == 2
 
 
+def test_replies_that_could_not_leave_before_a_reset_go_out_after_the_boot(device, server,
+                                                                          start_agent):
+    settings(device, conn_retry=1)
+    device.set_script("sntool", SLOW_WHILE)
+    first_agent = start_agent(server.url)
+    first = server.wait_for_connection(15)
+    settle(device)
+    device.write_file("/tmp/slow", "")
+    server.send_text(about("busy"))
+    assert device.wait_journal("sntool")
+    server.send_text(request_text("dxResetDevice", {"deviceId": MAC}, "reset"))
+    server.send_text(about("a1"))
+    wait_received(first_agent, "a1")
+    # the server goes away before any reply is made: they wait in the agent
+    server.pause()
+    server.drop(first)
+    first_agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=10)
+    device.remove_file("/tmp/slow")
+    assert device.wait_journal("reboot", 20)
+    assert device.wait_rebooted(20)
+    copies = flash(device)
+    assert copies["cloud_recv_cmd.backup"] == "1\n%s\n" % about("a1")
+    saved = copies["cloud_sent_cmd.backup"].splitlines()
+    saved_ids = [json.loads(line)["id"] for line in saved[1:]]
+    assert saved[0] == str(len(saved_ids))
+    # the reset's reply waited in the queue when the reset saved it; the
+    # busy one's too, unless the sending thread had taken it already (it
+    # then goes down with the reboot, unsent)
+    assert saved_ids in (["reset"], ["busy", "reset"]), saved_ids
+    assert no_messages(server)
+
+    # the next boot sends the saved replies, then runs a1: each once
+    server.resume()
+    count = server.connection_count
+    device.clear_output("sntool")
+    device.clear_journal()
+    start_agent(server.url)
+    second = new_connection(server, count)
+    got = [next_reply(server, 20) for _ in range(len(saved_ids) + 1)]
+    assert [m.data["id"] for m in got] == saved_ids + ["a1"]
+    assert [m.raw for m in got if m.data["id"] == "reset"] == [SUCCESS % ("reset", MAC)]
+    assert all(m.conn is second for m in got)
+    # nothing more: a reply sent now comes after any other
+    request_barrier(server)
+    assert [m for m in server.messages if m.method != "dsLogStatusUpdates"] == []
+    # the reset itself is not run again
+    assert "reboot" not in device.journal()
+
+
 def test_reset_without_device_id_does_nothing(device, ready):
     agent, server = ready
     reply = server.request("dxResetDevice", {"deviceID2": MAC}, id="nr")
     assert reply.raw == INVALID % "nr"
-    time.sleep(2.5)
+    request_barrier(server)
     assert lines(device, "reboot", "kapri_util.lua") == []
     assert not device.reboot_pending()
     assert agent.alive()
@@ -247,7 +300,7 @@ def test_firmware_without_a_url_is_refused(device, ready):
     for id_, params in (("f1", {"deviceId": MAC}), ("f2", {"deviceId": MAC, "url": ""}),
                         ("f3", {"deviceId": MAC, "url": 3}), ("f4", {"url": "http://x/fw"})):
         assert server.request("dxUpdateFirmware", params, id=id_).raw == INVALID % id_
-    time.sleep(0.3)
+    request_barrier(server)
     assert lines(device, "cli.sh") == []
 
 
@@ -263,6 +316,10 @@ def stream(server, enable, id_="abc", device_id=True):
 def test_streaming_on_starts_a_capture_and_later_lines_carry_the_id(device, ready):
     agent, server = ready
     device.write_file("/tmp/cloud_log_file", "an old capture\n")
+    # a second name for the old capture: its file stays, with its lines,
+    # when the agent removes the name (rm), and not when it only empties it
+    r = device.sh("ln /tmp/cloud_log_file /tmp/old_capture")
+    assert r.returncode == 0, r.stderr
     stream(server, True, "abc")
     assert device.wait_journal("logread -f")
     assert lines(device, "killall", "logread") == ["logread -f"]
@@ -272,6 +329,9 @@ def test_streaming_on_starts_a_capture_and_later_lines_carry_the_id(device, read
     assert [p["pid"] for p in device.find("logread")] == [pid]
     capture = lambda: device.read_file("/tmp/cloud_log_file")  # noqa: E731
     assert wait_for(lambda: capture() is not None and "an old capture" not in capture())
+    # the old capture was removed, not emptied: a new file took its name
+    assert device.read_file("/tmp/old_capture") == "an old capture\n"
+    assert os.stat(device.path("/tmp/old_capture")).st_nlink == 1
     device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: first")
     result = next_reply(server, 15)
     assert result.data["id"] == "abc" and result.data["stream"] is True
@@ -292,7 +352,10 @@ def test_streaming_off_stops_the_capture(device, ready):
     assert not device.exists("/tmp/cloud_logread_pid")
     assert lines(device, "killall", "logread") == []
     device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: after the end")
-    time.sleep(6)  # one streaming period and more
+    # a streaming period (five ticks) and more, then a reply queued after
+    # anything it could have sent
+    wait_ticks(device, 6)
+    request_barrier(server)
     assert no_messages(server)
 
 
@@ -305,7 +368,8 @@ def test_streaming_is_switched_before_the_device_id_is_refused(device, ready):
     assert device.exists("/tmp/cloud_log_file")
     # no stored id: nothing is streamed
     device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: unsent")
-    time.sleep(6)
+    wait_ticks(device, 6)
+    request_barrier(server)
     assert no_messages(server)
 
 
@@ -316,7 +380,7 @@ def test_a_numeric_request_id_is_refused_before_streaming(device, ready):
     reply = next_reply(server)
     assert reply.raw == ('{"jsonrpc":"2.0","id":null,"error":{"code":-32600,'
                          '"message":"The JSON sent is not a valid Request object","data":""}}')
-    time.sleep(0.5)
+    request_barrier(server)
     assert lines(device, "killall", "logread") == []
     assert not device.exists("/tmp/cloud_log_file")
 
@@ -355,7 +419,7 @@ def test_other_modes_are_refused_and_nothing_changes(device, ready):
         reply = server.request("dxSetLoggingMode", {"deviceId": MAC, "mode": mode}, id=id_)
         assert reply.raw == INVALID % id_
     assert server.request("dxSetLoggingMode", {"deviceId": MAC}, id="m4").raw == INVALID % "m4"
-    time.sleep(0.3)
+    request_barrier(server)
     assert lines(device, "uci set", "uci commit", "kapri_util.lua") == []
     assert device.read_file("/proc/sys/kernel/printk") == "4\t4\t1\t7\n"
     assert device.uci_committed("korvatCloud.korvatCloud.syslog_mode") == "PRODUCTION"
@@ -398,7 +462,7 @@ def test_frequency_zero_or_a_string_is_refused(device, ready):
         assert reply.raw == INVALID % id_
     reply = server.request("dxSetStatusUpdateFrequency", {"deviceId": MAC}, id="z4")
     assert reply.raw == INVALID % "z4"
-    time.sleep(0.3)
+    request_barrier(server)
     assert lines(device, "uci set", "uci commit") == []
     assert device.uci_committed("korvatCloud.korvatCloud.auto_update") == "60"
 
@@ -433,7 +497,7 @@ def test_server_port_0_or_65536_is_refused(device, ready):
                         ("p4", {"url": "ws://a", "port": 8080})):
         reply = server.request("dxSetCloudServerUrl", params, id=id_)
         assert reply.raw == INVALID % id_
-    time.sleep(0.3)
+    request_barrier(server)
     assert lines(device, "uci set", "uci commit", "korvatCloud") == []
     assert device.uci_committed("korvatCloud.korvatCloud.port_number") == "8080"
     assert device.uci_committed("korvatCloud.korvatCloud.server_url") == "ws://127.0.0.1"
