@@ -7,11 +7,9 @@ import json
 import os
 import re
 import signal
-import time
 
-import pytest
-
-from conftest import MAC, ROOT, TIMEOUT_SCALE
+from conftest import (MAC, ROOT, Deadline, not_a_status_update, request_barrier, scaled,
+                      timer_barrier, wait_for, wait_ticks)
 
 BACKUPS = {
     "recv": "/etc/cloud_recv_cmd.backup",
@@ -42,30 +40,35 @@ def backup_lines(device, name):
 
 
 def wait_file(device, path, timeout=20):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if device.read_file(path) is not None:
-            return True
-        time.sleep(0.1)
-    return False
+    return wait_for(lambda: device.read_file(path) is not None, timeout)
 
 
 def wait_emptied(device, path, timeout=30):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if (device.read_file(path) or "").strip() == "":
-            return True
-        time.sleep(0.05)
-    return False
+    return wait_for(lambda: (device.read_file(path) or "").strip() == "", timeout)
 
 
 def wait_count(device, line, count, timeout=30):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if device.journal().count(line) >= count:
-            return True
-        time.sleep(0.1)
-    return False
+    return wait_for(lambda: device.journal().count(line) >= count, timeout)
+
+
+# the agent's debug lines of its queues
+RECEIVED = r"queueWriter\]\[LINE 573\]: produceObject: end$"     # a request queued
+REPLY_QUEUED = r"\]\[LINE 682\]: produceObject: end$"             # a reply queued
+UPDATE_STARTS = r"logStatusUpdates\]\[LINE 120\]"                 # a status update begun
+UPDATE_QUEUED = r"logStatusUpdates\]\[LINE 272\]"                 # a status update queued
+
+
+def wait_received(agent, id_, timeout=20):
+    """Waits until the agent has put the request with this id into its
+    receive queue (its frame dump, then the queue's debug line)."""
+    i = agent.out.wait_for(re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % re.escape(id_)),
+                           timeout)
+    agent.out.wait_for(re.compile(RECEIVED), timeout, start=i)
+
+
+def lines_since(agent, pattern, start):
+    regex = re.compile(pattern)
+    return sum(1 for line in agent.out.lines[start:] if regex.search(line))
 
 
 def event_line(number, text):
@@ -73,11 +76,13 @@ def event_line(number, text):
         number, number, text)
 
 
-def messages_until(server, count, timeout=30):
+def messages_until(server, count, timeout=30, predicate=not_a_status_update):
+    """The next `count` messages (by default other than status updates,
+    which a long test sees now and then)."""
     got = []
-    deadline = time.monotonic() + timeout
+    deadline = Deadline(timeout)
     while len(got) < count:
-        got.append(server.next_message(max(0.1, deadline - time.monotonic())))
+        got.append(server.next_message(deadline.budget(), predicate=predicate))
     return got
 
 
@@ -94,19 +99,23 @@ def test_sigterm_to_the_timer_saves_every_queue_and_the_next_start_sends_them(
     assert device.wait_journal("sntool")
     for name in ("r1", "r2", "r3"):
         server.send_text(about(name))
-    time.sleep(0.5)
+    wait_received(agent, "r3")
     # the server goes away: status updates and events pile up
     server.pause()
     server.drop(first)
     agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=10)
-    updates_before = device.journal().count("kapri_util.lua WifiInfo")
+    updates_start = len(agent.out.lines)
     for number, text in ((1, "first"), (2, "second")):
         device.write_file("/tmp/cEvtLog", event_line(number, text))
         # the timer takes the line and empties the file
         assert wait_emptied(device, "/tmp/cEvtLog")
-    # a few status updates are made meanwhile (one "WifiInfo" call each)
-    assert wait_count(device, "kapri_util.lua WifiInfo", updates_before + 3, timeout=60)
-    time.sleep(1.5)
+        if number == 1:
+            # taken by the sending thread, which holds it while the server is away
+            agent.sent_frame(lambda tree: tree["params"]["events"][0]["event"] == "first",
+                             start=updates_start)
+    # a few status updates are queued meanwhile: the sending thread holds
+    # the first, the others wait in the queue
+    assert wait_for(lambda: lines_since(agent, UPDATE_QUEUED, updates_start) >= 3, 60)
 
     device.signal_thread(timer, signal.SIGTERM)
     assert agent.wait_exit(15) == 128 + signal.SIGKILL
@@ -139,7 +148,7 @@ def test_sigterm_to_the_timer_saves_every_queue_and_the_next_start_sends_them(
     again.out.wait_for("Read backup file to queue...")
     # r1..r3 are executed once each, in order; the saved messages go out once
     wanted = 3 + len(saved_status) + 1
-    got = messages_until(server, wanted, timeout=40)
+    got = messages_until(server, wanted, timeout=40, predicate=None)
     replies = [m.data["id"] for m in got if m.data.get("id")]
     assert replies == ["r1", "r2", "r3"]
     delivered_status = [m.data for m in got if m.data.get("method") == "dsLogStatusUpdates"]
@@ -149,7 +158,10 @@ def test_sigterm_to_the_timer_saves_every_queue_and_the_next_start_sends_them(
     assert all(m.conn is second for m in got)
     for path in BACKUPS.values():
         assert not device.exists(path)
-    time.sleep(1.5)
+    # nothing twice: replies and events go out in order, so one sent now
+    # comes after any other
+    request_barrier(server)
+    timer_barrier(device, server)
     later = [m.data for m in server.messages]
     assert not any(m.get("id") in ("r1", "r2", "r3", "busy") for m in later)
     assert not any(m.get("method") == "dsEventNotifications" for m in later)
@@ -166,15 +178,15 @@ def test_replies_waiting_for_the_server_survive_a_stop(device, server, start_age
     assert device.wait_journal("sntool")
     for name in ("a1", "a2", "a3"):
         server.send_text(about(name))
-    time.sleep(0.3)
+    wait_received(agent, "a3")
     server.pause()
     server.drop(first)
+    agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=10)
+    start = len(agent.out.lines)
     device.remove_file("/tmp/slow")
     # a0's reply is with the sending thread; a1..a3's wait in the reply queue
-    deadline = time.monotonic() + 20
-    while device.journal().count("sntool") < 4 and time.monotonic() < deadline:
-        time.sleep(0.1)
-    time.sleep(1)
+    agent.sent_frame("a0", start=start)
+    assert wait_for(lambda: lines_since(agent, REPLY_QUEUED, start) >= 4, 20)
     device.signal_thread(timer, signal.SIGTERM)
     assert agent.wait_exit(15) == 128 + signal.SIGKILL
     reply = backup_lines(device, "reply")
@@ -189,7 +201,8 @@ def test_replies_waiting_for_the_server_survive_a_stop(device, server, start_age
     server.wait_for_connection(20)
     got = messages_until(server, 3)
     assert [m.data for m in got] == saved
-    time.sleep(1)
+    # a reply sent now comes after any other
+    request_barrier(server)
     assert not any(m.data.get("id", "").startswith("a") for m in server.messages)
     # dxGetAbout ran four times in all: nothing ran again
     assert device.journal().count("sntool") == 4
@@ -238,16 +251,16 @@ def test_a_stop_under_load_runs_nothing_twice(device, server, start_agent):
     start_agent(server.url)
     server.wait_for_connection(20)
     got = []
-    deadline = time.monotonic() + 40 * TIMEOUT_SCALE
-    while sorted(set(got) & set(names)) != names and time.monotonic() < deadline:
+    deadline = Deadline(40)
+    while sorted(set(got) & set(names)) != names and not deadline.passed():
         try:
-            message = server.next_message(1)
+            message = server.next_message(deadline.budget(least=0.1))
         except TimeoutError:
             continue
         if message.data.get("id"):
             got.append(message.data["id"])
-    # one more status period or so for a late duplicate to show
-    time.sleep(1.5)
+    # a late duplicate would come before the reply to a request sent now
+    request_barrier(server)
     got += [m.data["id"] for m in server.messages if m.data.get("id")]
     # every queued request answered exactly once; the one in progress at
     # most once
@@ -312,15 +325,18 @@ def test_the_flash_copies_are_moved_to_etc_before_the_restore(device, server, st
     flash = os.path.join(device.run, "flash", "cloud_recv_cmd.backup")
     with open(flash, "w") as f:
         f.write("1\n%s\n" % about("flash-copy"))
+    # the mount point is made for the mount and removed after it (mkdir
+    # and rm are no device tools: their work shows in the file system)
+    assert not device.exists("/mnt/_sys1")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    got = server.next_message(15)
+    got = server.next_message(15, predicate=not_a_status_update)
+    # the flash copy came through the mount, which needs its directory
     assert got.data["id"] == "flash-copy"
     journal = device.journal()
-    expected = ["mkdir -p /mnt/_sys1", "mount -t jffs2 /dev/mtdblock2 /mnt/_sys1",
-                "umount /mnt/_sys1"]
-    positions = [journal.index(x) if x in journal else -1 for x in expected]
-    assert -1 not in positions[1:] and positions[1] < positions[2], journal
+    mounted = journal.index("mount -t jffs2 /dev/mtdblock2 /mnt/_sys1")
+    assert journal.index("umount /mnt/_sys1") > mounted, journal
+    assert not device.exists("/mnt/_sys1")
     assert not os.path.exists(flash)
     assert not device.exists(BACKUPS["recv"])
     agent.out.wait_for("Read backup file to queue...")
@@ -328,30 +344,38 @@ def test_the_flash_copies_are_moved_to_etc_before_the_restore(device, server, st
 
 # ---- the luci-reload pause -----------------------------------------------
 
-def test_a_request_waits_while_the_web_configuration_reloads(device, connected):
-    agent, server = connected
+def agent_sleeps(device):
+    """The seconds of every sleep() the agent asked for, in order (the
+    sleep shim's record)."""
+    text = device.read_file("/tmp/fastsleep.log") or ""
+    return [int(line.split()[1]) for line in text.splitlines() if line.startswith("sleep ")]
+
+
+def test_a_request_waits_while_the_web_configuration_reloads(device, server, start_agent):
+    # the agent's sleeps are recorded, and last as long as asked
+    agent = start_agent(server.url, fastsleep=True, env={"FASTSLEEP_SCALE": "1"})
+    server.wait_for_connection(15)
     # the timer has started ticking
     agent.out.wait_for(re.compile(r"\[LINE 1550\]: === beta_mode="), timeout=15)
     device.write_file("/tmp/luci_reload_cmd", "")
-    time.sleep(1.5)  # at least one tick has seen it
+    wait_ticks(device, 2)  # a whole tick has seen it
     device.clear_journal()
+    assert agent_sleeps(device) == []
     server.send_text(about("paused"))
-    time.sleep(3)
-    assert server.messages == []
+    # the main loop took the request and holds it, looking again every second
+    assert wait_for(lambda: len(agent_sleeps(device)) >= 3, 30)
+    assert set(agent_sleeps(device)) == {1}
+    assert [m for m in server.messages if m.method != "dsLogStatusUpdates"] == []
     assert "sntool" not in device.journal()
-    gone = time.monotonic()
-    device.remove_file("/tmp/luci_reload_cmd")
-    # dispatched about 5 to 6 s later: up to a tick until the timer
-    # notices, up to a second until the main loop looks again, then five
-    # more seconds
     dispatch = r"\[LINE 126\]: processing genericCommandHandler\.\.\.$"
     before = len(agent.out.matching(dispatch))
-    reply = server.next_message(30)
+    device.remove_file("/tmp/luci_reload_cmd")
+    reply = server.next_message(30, predicate=lambda m: m.method != "dsLogStatusUpdates")
     assert reply.data["id"] == "paused"
-    dispatched = agent.out.matching(dispatch)[before:]
-    assert len(dispatched) == 1
-    waited = dispatched[0][0] - gone
-    assert 4.5 <= waited <= 7.5, waited
+    assert len(agent.out.matching(dispatch)[before:]) == 1
+    # once the timer saw the file gone, five more seconds, then the request ran
+    waits = agent_sleeps(device)
+    assert waits[-1] == 5 and set(waits[:-1]) == {1}, waits
 
 
 def test_no_status_update_while_the_web_configuration_reloads(device, server, start_agent):
@@ -359,9 +383,16 @@ def test_no_status_update_while_the_web_configuration_reloads(device, server, st
     device.write_file("/tmp/luci_reload_cmd", "")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    time.sleep(4)
-    assert not [m for m in server.messages if m.method == "dsLogStatusUpdates"]
-    agent.out.wait_for(re.compile(r"\[LINE 316\]: === luci-reloading\.\.\.\.\.\.$"))
+    # periods pass: each one is skipped, and says so
+    skipped = r"\[LINE 316\]: === luci-reloading\.\.\.\.\.\.$"
+    assert wait_for(lambda: len(agent.out.matching(skipped)) >= 4, 30)
+    # and no update starts meanwhile.  (The timer sets the pause at its
+    # first tick, after its start-up commands: a period that ended before
+    # may have had its update; one started then has printed its first line
+    # before the second skipped period.)
+    regex = re.compile(skipped)
+    second = [i for i, line in enumerate(agent.out.lines) if regex.search(line)][1]
+    assert not [line for line in agent.out.lines[second:] if re.search(UPDATE_STARTS, line)]
     device.remove_file("/tmp/luci_reload_cmd")
     update = server.next_message(30, method="dsLogStatusUpdates")
     assert update.data["params"]["deviceId"] == MAC
@@ -422,9 +453,16 @@ def install_service(device, tmp_path, url):
     return str(net)
 
 
+# The agent's output under the procd stand-in (stdout 1, stderr 1).
+INSTANCE_LOG = "/tmp/run/procd/korvatCloud/instance1.log"
+
+
 def test_init_script_stop_saves_the_queues_and_ends_the_agent(device, server, tmp_path):
     from conftest import AGENT
     net = install_service(device, tmp_path, server.url)
+    # debug lines in the instance's output show what the agent queued
+    device.uci_ok("set", "korvatCloud.korvatCloud.debug=1")
+    device.uci_ok("commit", "korvatCloud")
     device.start(["/bin/sh", "-c", "touch /tmp/.booted; exec sleep 3600"], agent=AGENT,
                  binds=[(net, "/sys/class/net")])
     assert wait_file(device, "/tmp/.booted")
@@ -438,15 +476,15 @@ def test_init_script_stop_saves_the_queues_and_ends_the_agent(device, server, tm
     assert device.wait_journal("sntool")
     server.send_text(about("s1"))
     server.send_text(about("s2"))
-    # each received frame is dumped with the time of day: two more "date"
-    # calls show that both are in the receive queue
-    before = device.journal().count("date +%Y-%m-%dT%H:%M:%S%z")
-    deadline = time.monotonic() + 10
-    while device.journal().count("date +%Y-%m-%dT%H:%M:%S%z") < before + 2 and \
-            time.monotonic() < deadline:
-        time.sleep(0.1)
-    time.sleep(0.5)
-    r = device.exec(["/etc/init.d/korvatCloud", "stop"], timeout=60)
+    # both are in the receive queue: the frame's dump, then the queue's line
+
+    def queued(id_):
+        out = (device.read_file(INSTANCE_LOG) or "").splitlines()
+        dumped = [i for i, line in enumerate(out)
+                  if re.match(r'^\{"jsonrpc":"2\.0","id":"%s",' % id_, line)]
+        return dumped and any(re.search(RECEIVED, line) for line in out[dumped[0]:])
+    assert wait_for(lambda: queued("s2"), 20)
+    r = device.exec(["/etc/init.d/korvatCloud", "stop"], timeout=scaled(60))
     assert r.returncode == 0, r.stderr
     assert device.find("korvat-cloud") == []
     assert "killall -9 korvat-cloud" in device.journal()
@@ -459,5 +497,5 @@ def test_init_script_stop_saves_the_queues_and_ends_the_agent(device, server, tm
     server.wait_for_connection(20)
     got = messages_until(server, 2)
     assert [m.data["id"] for m in got] == ["s1", "s2"]
-    r = device.exec(["/etc/init.d/korvatCloud", "stop"], timeout=60)
+    r = device.exec(["/etc/init.d/korvatCloud", "stop"], timeout=scaled(60))
     assert r.returncode == 0
