@@ -10,6 +10,7 @@ import re
 import pytest
 
 from conftest import MAC as SCRIPT_MAC  # the device MAC in the script's own answers
+from conftest import not_a_status_update
 
 # The agent runs with another MAC, so that every reply shows whether its
 # "deviceId" is the agent's or the utility script's.
@@ -59,7 +60,7 @@ def bare_reply(server, method, params, id):
     device server takes it for a message of its own)."""
     server.send_text(json.dumps({"jsonrpc": "2.0", "id": id, "method": method,
                                  "params": params}, separators=(",", ":")))
-    return server.next_message(10).raw
+    return server.next_message(10, predicate=not_a_status_update).raw
 
 
 def script_calls(device):

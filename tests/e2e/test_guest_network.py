@@ -6,11 +6,10 @@ the band-steering rule, the addressing checks against the LAN, and every
 refusal answered before any write."""
 import json
 import re
-import time
 
 import pytest
 
-from conftest import MAC
+from conftest import MAC, not_a_status_update, unsolicited, wait_for
 
 SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
 REFUSED = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
@@ -90,17 +89,14 @@ def script_calls(device, sub):
 
 
 def wait_file(device, path, timeout=20):
-    deadline = time.monotonic() + timeout
-    while not device.exists(path) and time.monotonic() < deadline:
-        time.sleep(0.05)
-    return device.exists(path)
+    return wait_for(lambda: device.exists(path), timeout)
 
 
 def reply_without_result(server, method, params, id):
     """The text of a reply that carries neither "result" nor "error"."""
     server.send_text(json.dumps({"jsonrpc": "2.0", "id": id, "method": method,
                                  "params": params}))
-    return server.next_message(LONG).raw
+    return server.next_message(LONG, predicate=not_a_status_update).raw
 
 
 def start_ready(device, server, start_agent, **kw):
@@ -353,7 +349,7 @@ def test_guest_refusals_come_before_any_write(ready, device):
     journal = device.journal()
     assert not [line for line in journal if line.startswith("uci set ")], journal
     assert "kapri_util.lua cloud_action_apply" not in journal
-    assert not server.messages
+    assert not unsolicited(server)
     # printed for the refused mask (the 255.0.255.0 row) only
     agent.out.wait_for(MASK_LINE)
     assert agent.out.count(MASK_LINE) == 1

@@ -5,11 +5,10 @@ package until the apply step commits them, every refusal answered before
 any write, and the reply out before the apply step runs."""
 import json
 import re
-import time
 
 import pytest
 
-from conftest import MAC
+from conftest import MAC, not_a_status_update, unsolicited, wait_for
 
 SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
 REFUSED = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
@@ -70,7 +69,7 @@ def refuse_all(server, device, method, rows):
     assert "kapri_util.lua cloud_action_apply" not in journal
     assert "kapri_util.lua setVlan" not in journal
     assert not [line for line in journal if line.startswith("kapri_util.lua rm_wifi_config")]
-    assert not server.messages, server.messages
+    assert not unsolicited(server), server.messages
 
 
 def uci_sets(device):
@@ -82,10 +81,7 @@ def script_calls(device, sub):
 
 
 def wait_file(device, path, timeout=20):
-    deadline = time.monotonic() + timeout
-    while not device.exists(path) and time.monotonic() < deadline:
-        time.sleep(0.05)
-    return device.exists(path)
+    return wait_for(lambda: device.exists(path), timeout)
 
 
 def hold_apply(device):
@@ -221,10 +217,10 @@ def test_add_lacking_interface_and_ssid_gives_two_errors_in_order(ready, device)
     device.clear_journal()
     reply = server.request("vekAddNetwork", {"deviceId": MAC, "security": "OPEN"}, id="two", timeout=LONG)
     assert reply.raw == refused("two", "Invalid interface.")
-    second = server.next_message(10)
+    second = server.next_message(10, predicate=not_a_status_update)
     assert second.raw == refused("two", "Invalid ssid.")
     barrier(server)
-    assert not server.messages
+    assert not unsolicited(server)
     assert not uci_sets(device)
 
 
@@ -232,7 +228,7 @@ def test_add_lacking_everything_gives_four_errors(ready, device):
     agent, server = ready
     reply = server.request("vekAddNetwork", {}, id="four", timeout=LONG)
     assert reply.raw == refused("four", "Invalid device id.")
-    assert [server.next_message(10).raw for _ in range(3)] == [
+    assert [server.next_message(10, predicate=not_a_status_update).raw for _ in range(3)] == [
         refused("four", "Invalid interface."), refused("four", "Invalid ssid."),
         refused("four", "Invalid security.")]
 
