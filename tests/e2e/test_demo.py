@@ -10,9 +10,8 @@ import re
 import select
 import signal
 import subprocess
-import time
 
-from conftest import AGENT, ROOT
+from conftest import AGENT, ROOT, Deadline, scaled, wait_for
 
 DEMO_MAC = "02:4b:56:31:30:01"
 ISO = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d"
@@ -32,7 +31,7 @@ def run_demo(*flags):
     env = dict(os.environ, KC_AGENT=AGENT)
     proc = subprocess.run([os.path.join(ROOT, "scripts", "demo.sh"), "--once"] + list(flags),
                           env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          timeout=600)
+                          timeout=scaled(600))
     return proc.returncode, proc.stdout.decode("utf-8", "replace")
 
 
@@ -318,11 +317,11 @@ def test_demo_tour_over_tls_with_remote_access_through_the_upnp_gateway():
 
 
 def _read_until(fd, buf, done, timeout):
-    """Read the terminal fd into buf until done(buf) or timeout; returns
-    whether done(buf) held.  EOF ends the wait too."""
-    deadline = time.monotonic() + timeout
+    """Read the terminal fd into buf until done(buf) or timeout (scaled);
+    returns whether done(buf) held.  EOF ends the wait too."""
+    deadline = Deadline(timeout)
     while not done(buf):
-        left = deadline - time.monotonic()
+        left = deadline.left()
         if left <= 0:
             return False
         r, _, _ = select.select([fd], [], [], min(left, 0.2))
@@ -377,12 +376,11 @@ def test_demo_runs_until_ctrl_c_and_leaves_nothing_behind(tmp_path):
         assert _processes_mentioning(str(tmp_path)), "server not found"
         os.write(fd, b"\x03")
         _read_until(fd, buf, lambda b: False, 20)
-        deadline = time.monotonic() + 10
-        while True:
+
+        def reaped():
             done, status = os.waitpid(pid, os.WNOHANG)
-            if done or time.monotonic() > deadline:
-                break
-            time.sleep(0.1)
+            return (done, status) if done else None
+        done, status = wait_for(reaped, 10, interval=0.1) or (0, 0)
         out = bytes(buf[-3000:]).decode("utf-8", "replace")
         assert done == pid, "demo still running after Ctrl-C:\n" + out
         pid = 0
