@@ -8,9 +8,9 @@ set(kc_suite_costs
   e2e.ap_status 310  e2e.demo 240  e2e.wireless_networks 200
   e2e.resource_bounds 200  # plain build only, beside the interop suites
   e2e.network_settings 180  e2e.guest_network 175  e2e.maintenance 160
-  e2e.life_cycle 150  e2e.remote_access 150  e2e.handshake 135
+  e2e.life_cycle 150  e2e.remote_access 150  e2e.wedge 150  e2e.handshake 135
   e2e.status_updates 130  e2e.time_settings 130  e2e.startup 120
-  e2e.framing 115  e2e.wedge 110  e2e.events 105  e2e.shell_safety 75
+  e2e.framing 115  e2e.events 105  e2e.shell_safety 75
   e2e.dispatch 65  e2e.queueing 50  e2e.tls 40  e2e.backoff 30  e2e.host_safety 11
   e2e.target 6
   e2e.startup_settings 130  e2e.output_caps 80  e2e.network_settings_corners 60

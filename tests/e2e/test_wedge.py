@@ -2,10 +2,10 @@
 connection down and reconnects, and a SIGTERM still does its work.
 
 - zero window: the server upgrades the connection, sends requests whose
-  replies the agent cannot get rid of, then neither reads nor sends; the
-  agent's sends fill the socket (the TCP buffers of the device's and the
-  gateway's network namespaces are shrunk, never the host's, and the peer
-  keeps a tiny receive buffer);
+  replies the agent cannot get rid of, then stops reading and sends
+  nothing, or nothing but pings; the agent's sends fill the socket (the
+  TCP buffers of the device's and the gateway's network namespaces are
+  shrunk, never the host's, and the peer keeps a tiny receive buffer);
 - half a TLS record: over wss:// the server sends the first bytes of a
   record and nothing more, and does not read;
 - SIGTERM during such a wedge: to the main thread it closes the connection
@@ -13,28 +13,32 @@ connection down and reconnects, and a SIGTERM still does its work.
   helps); to the maintenance timer it saves the queues and ends the agent.
 
 The agent closes a connection that has been silent for 40 s (its read
-time-out); waits allow that, the retry interval (1 s here) and a generous
-margin, scaled with KC_TIMEOUT_SCALE.
+time-out); a reconnection is awaited for that, the retry interval (1 s
+here) and a margin scaled with KC_TIMEOUT_SCALE (the agent's own 40 s are
+real time on any machine).
 """
 import json
 import re
 import signal
 import subprocess
 import threading
-import time
 
 import pytest
 
-from conftest import MAC, TIMEOUT_SCALE, request_text, settings, wait_for
+from conftest import MAC, TIMEOUT_SCALE, Deadline, request_text, settings, wait_for
 from rawpeer import RawPeer, encode_frame, OP_PING, OP_PONG
 
 import simnet
 
 READ_TIMEOUT = 40
 RETRY = 1
-# Beyond the read time-out and the retry interval: starting a connection,
-# a loaded machine.
-MARGIN = 20
+# Beyond the read time-out and the retry interval: noticing the time-out,
+# starting a connection, on a loaded machine (scaled).
+MARGIN = 15
+
+
+def reconnection_wait():
+    return READ_TIMEOUT + RETRY + MARGIN * TIMEOUT_SCALE
 
 # Per network namespace: the device's and the gateway's sockets start
 # (and stay) with 4 KiB buffers, so a few kilobytes fill the way.
@@ -136,10 +140,11 @@ class Wedge(object):
         """One text frame on the held connection (plain sockets)."""
         self.sock.sendall(encode_frame(text))
 
-    def next_connection(self, timeout):
-        """The agent's next connection, accepted; True if one came."""
+    def next_connection(self, seconds):
+        """The agent's next connection, accepted within `seconds` of real
+        time (not scaled again); True if one came."""
         try:
-            self.peer.accept(timeout)
+            self.peer.accept(seconds / self.peer.timeout_scale)
             return True
         except OSError:
             return False
@@ -159,7 +164,7 @@ def zero_window(device, peer, start_agent, requests=REQUESTS):
     replies queued behind a full socket."""
     settings(device, conn_retry=RETRY)
     agent = start_agent(peer.url())
-    peer.handshake(15 * TIMEOUT_SCALE)
+    peer.handshake(15)
     for n in range(requests):
         peer.send_text(big_request(n))
     # the agent has more to send than the way takes
@@ -184,25 +189,31 @@ def tls_peer(device):
 
 def answered(peer, request_id):
     """The new connection upgraded and a request answered on it."""
-    peer.handshake(15 * TIMEOUT_SCALE)
+    peer.handshake(15)
     peer.send_text(request_text("dxNoSuchMethod", {"deviceId": MAC}, request_id))
-    deadline = time.monotonic() + 30 * TIMEOUT_SCALE
+    deadline = Deadline(30)
     while True:
-        frame = peer.read_message(max(0.1, deadline - time.monotonic()), answer_pings=True)
+        frame = peer.read_message(deadline.budget(), answer_pings=True)
         if json.loads(frame.text).get("id") == request_id:
             return
 
 
 # ---- the agent tears down and reconnects -------------------------------------
 
+@pytest.mark.parametrize("pinging", [False, True], ids=["silent", "pinging"])
 def test_a_peer_that_stops_reading_is_left_and_the_agent_reconnects(device, window_peer,
-                                                                    start_agent):
+                                                                    start_agent, pinging):
     agent, wedge = zero_window(device, window_peer, start_agent)
+    if pinging:
+        # as a server's keep-alive does: each ping wants a pong, which
+        # waits behind the stuck reply, so no read time-out comes
+        wedge.keep_receiver_busy([encode_frame(b"alive?", OP_PING)] * 100, every=10)
     try:
-        # nothing comes from the peer: the read time-out ends the connection
-        wait = (READ_TIMEOUT + RETRY + MARGIN) * TIMEOUT_SCALE
+        # silent: the read time-out ends the connection; pinging: the agent
+        # must give up on the stuck write within the same time
+        wait = reconnection_wait()
         assert wedge.next_connection(wait), \
-            "no new connection within %.0f s of the peer going silent" % wait
+            "no new connection within %.0f s of the peer's last read" % wait
     finally:
         wedge.release()
     agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=5)
@@ -213,13 +224,13 @@ def test_a_peer_that_stops_reading_is_left_and_the_agent_reconnects(device, wind
 def test_half_a_tls_record_is_left_and_the_agent_reconnects(device, tls_peer, start_agent):
     settings(device, conn_retry=RETRY)
     agent = start_agent(tls_peer.url())
-    tls_peer.handshake(15 * TIMEOUT_SCALE)
+    tls_peer.handshake(15)
     # a ping begins: its record's header and a few bytes, then nothing
     tls_peer.send_partial_tls_record(encode_frame(b"are you there", OP_PING), keep=10)
     assert wait_for(lambda: taken_by_the_agent(device), 10)
     wedge = Wedge(tls_peer)
     try:
-        wait = (READ_TIMEOUT + RETRY + MARGIN) * TIMEOUT_SCALE
+        wait = reconnection_wait()
         assert wedge.next_connection(wait), \
             "no new connection within %.0f s of the half record" % wait
     finally:
@@ -240,7 +251,7 @@ def half_record_wedge(device, peer, start_agent):
     every few seconds, without reading."""
     settings(device, conn_retry=RETRY)
     agent = start_agent(peer.url())
-    peer.handshake(15 * TIMEOUT_SCALE)
+    peer.handshake(15)
     part, record = peer.send_partial_tls_record(encode_frame(b"x" * 40, OP_PING), keep=8)
     # the agent has read the beginning: it is inside the record
     assert wait_for(lambda: taken_by_the_agent(device), 10)
