@@ -776,6 +776,16 @@ class Device:
         held = self._enter
         if held is not None and held[0] == found:
             return held[1]
+        # Descriptors opened while bwrap is still setting up the sandbox
+        # name its half-made mount namespace and root for the rest of the
+        # device's life: take them only once the sandbox is ready.
+        if not self._sandbox_ready_seen:
+            try:
+                self._sandbox_ready_seen = self._sandbox_ready(found.pid)
+            except OSError:
+                pass
+            if not self._sandbox_ready_seen:
+                raise RuntimeError("device not running")
         self._release_enter()
         fds = {}
         try:
