@@ -215,3 +215,22 @@ def test_the_tool_files_refuse_to_run_on_the_host():
         assert r.returncode == 2, tool
         assert r.stderr == ("simdevice: not inside a simulated device "
                             "(set SIMDEVICE_RUN)\n"), tool
+
+
+def test_a_run_directory_without_a_front_end_runs_each_tool_as_python(device):
+    # what a machine without cc (or another than x86_64) leaves behind
+    os.makedirs(os.path.join(device.run, ".simtools"))
+    with open(os.path.join(device.run, ".simtools", "no-front"), "w"):
+        pass
+    p = follower(device, "killall logread")
+    assert [(f["comm"], f["cmdline"]) for f in device.find("logread")] == [
+        ("logread", ["/usr/bin/python3", "-S", "/simdevice/bin/logread",
+                     "-f"])]
+    assert servers(device) == []
+    device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: first")
+    assert wait_for(lambda: "first" in device.read_file("/tmp/got", ""))
+    device.write_file("/tmp/go", "")
+    out, err = p.communicate(timeout=30)
+    assert out.decode().endswith("status 143\nNov 15 23:12:24 VK310 "
+                                 "user.notice root: first\n")
+    assert not os.path.exists(os.path.join(device.run, ".simtools", "front"))
