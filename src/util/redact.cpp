@@ -93,7 +93,11 @@ static int decodeName(const char *s, size_t end, char *out)
                     return 0;
                 c = (char)code;
             } else {
-                c = e; /* \" \\ \/ and the control escapes: no secret name has them */
+                /* \" \\ \/ stand for themselves; the others for control
+                 * characters, which no secret name has */
+                if (e != '"' && e != '\\' && e != '/')
+                    return 0;
+                c = e;
             }
         }
         if (n >= kLongestName)
