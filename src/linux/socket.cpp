@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -96,11 +97,24 @@ int readSocket(int fd, void *buf, unsigned int n)
     return (int)total;
 }
 
-int writeSocket(int fd, const void *buf, unsigned int n)
+int writeSocketWithin(int fd, const void *buf, unsigned int n, int seconds)
 {
     const unsigned char *bytes = static_cast<const unsigned char *>(buf);
     unsigned int written = 0;
+    struct timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += seconds;
     while (written < n) {
+        /* one deadline for the whole text: a peer that takes a byte now
+         * and then does not restart the wait */
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        long long leftUs = (long long)(deadline.tv_sec - now.tv_sec) * 1000000 +
+                           (deadline.tv_nsec - now.tv_nsec) / 1000;
+        if (leftUs <= 0)
+            return -1;
+        struct timeval limit = {(time_t)(leftUs / 1000000), (suseconds_t)(leftUs % 1000000)};
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
         ssize_t put = write(fd, bytes + written, n - written);
         if (put < 0) {
             if (errno == EINTR)
@@ -110,6 +124,11 @@ int writeSocket(int fd, const void *buf, unsigned int n)
         written += (unsigned int)put;
     }
     return (int)written;
+}
+
+int writeSocket(int fd, const void *buf, unsigned int n)
+{
+    return writeSocketWithin(fd, buf, n, SOCKET_READ_TIMEOUT_SEC);
 }
 
 void closeSocket(int fd)

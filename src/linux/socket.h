@@ -11,7 +11,10 @@
 
 int connectSocket(const char *host, int port);
 int readSocket(int fd, void *buf, unsigned int n);
+/* All n bytes, or -1 on an error or when they could not all be written
+ * within 40 seconds (writeSocketWithin: within the given seconds). */
 int writeSocket(int fd, const void *buf, unsigned int n);
+int writeSocketWithin(int fd, const void *buf, unsigned int n, int seconds);
 void closeSocket(int fd);
 /* Ends both directions at once, waking any thread waiting on fd. */
 void shutdownSocket(int fd);

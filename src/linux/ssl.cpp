@@ -157,14 +157,15 @@ int readSslSocket(SslSocket *s, void *buf, unsigned int n)
     return (int)total;
 }
 
-/* Writes all n bytes, or -1 when the session ended or nothing could be
- * written for 40 seconds (a peer that stopped reading). */
-int writeSslSocket(SslSocket *s, const void *buf, unsigned int n)
+/* Writes all n bytes, or -1 when the session ended or they could not all
+ * be written within the time given (a peer that stopped reading). */
+int writeSslSocketWithin(SslSocket *s, const void *buf, unsigned int n, int seconds)
 {
     const unsigned char *bytes = static_cast<const unsigned char *>(buf);
     unsigned int written = 0;
     struct timespec deadline;
-    startDeadline(&deadline);
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += seconds;
     while (written < n) {
         lockMutex(&s->lock);
         if (s->fd == -1) {
@@ -182,7 +183,6 @@ int writeSslSocket(SslSocket *s, const void *buf, unsigned int n)
         unlockMutex(&s->lock);
         if (e == SSL_ERROR_NONE) {
             written += (unsigned int)r;
-            startDeadline(&deadline);
             continue;
         }
         if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE)
@@ -190,4 +190,9 @@ int writeSslSocket(SslSocket *s, const void *buf, unsigned int n)
         return -1;
     }
     return (int)written;
+}
+
+int writeSslSocket(SslSocket *s, const void *buf, unsigned int n)
+{
+    return writeSslSocketWithin(s, buf, n, SOCKET_READ_TIMEOUT_SEC);
 }

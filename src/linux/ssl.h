@@ -22,6 +22,9 @@ void deinitSslSocket(SslSocket *s);
 int connectSslSocket(SslSocket *s, int fd);
 void disconnectSslSocket(SslSocket *s);
 int readSslSocket(SslSocket *s, void *buf, unsigned int n);
+/* All n bytes, or -1 when the session ended or they could not all be
+ * written within 40 seconds (writeSslSocketWithin: the given seconds). */
 int writeSslSocket(SslSocket *s, const void *buf, unsigned int n);
+int writeSslSocketWithin(SslSocket *s, const void *buf, unsigned int n, int seconds);
 
 #endif

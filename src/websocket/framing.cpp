@@ -12,6 +12,9 @@
 #include "linux/socket.h"
 #include "util/debug.h"
 
+/* How long the close frame may take to leave. */
+static const int WBS_CLOSE_FRAME_SECONDS = 1;
+
 static void putKey(unsigned char *out, uint32_t key)
 {
     out[0] = (unsigned char)(key >> 24);
@@ -209,7 +212,9 @@ void wbsClose(WbsConnection *conn)
     }
     unsigned char frame[6] = {0x88, 0x80, 0, 0, 0, 0};
     putKey(frame + 2, nextRandom());
-    wbsWriteBytes(conn, frame, sizeof frame);
+    /* A close after a write that timed out finds the socket still full:
+     * the close frame gets a second, not another 40. */
+    wbsWriteBytesWithin(conn, frame, sizeof frame, WBS_CLOSE_FRAME_SECONDS);
     /* Over an attached transport fd is a placeholder, no descriptor: there
      * is no TLS session or socket to end, nothing to retire. */
     if (conn->transport.read == NULL) {

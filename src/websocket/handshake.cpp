@@ -40,7 +40,7 @@ int wbsReadBytes(WbsConnection *conn, void *buf, unsigned int n)
     return readSocket(fd, buf, n);
 }
 
-int wbsWriteBytes(WbsConnection *conn, const void *buf, unsigned int n)
+int wbsWriteBytesWithin(WbsConnection *conn, const void *buf, unsigned int n, int seconds)
 {
     int fd = conn->fd;
     if (fd == -1)
@@ -48,8 +48,13 @@ int wbsWriteBytes(WbsConnection *conn, const void *buf, unsigned int n)
     if (conn->transport.write != NULL)
         return conn->transport.write(conn->transport.context, buf, n);
     if (conn->useTls == 1)
-        return writeSslSocket(&conn->tls, buf, n);
-    return writeSocket(fd, buf, n);
+        return writeSslSocketWithin(&conn->tls, buf, n, seconds);
+    return writeSocketWithin(fd, buf, n, seconds);
+}
+
+int wbsWriteBytes(WbsConnection *conn, const void *buf, unsigned int n)
+{
+    return wbsWriteBytesWithin(conn, buf, n, SOCKET_READ_TIMEOUT_SEC);
 }
 
 static void appendLine(const char *fmt, const char *a, int b)

@@ -102,6 +102,8 @@ void freeWebsocketConnection(WbsConnection *conn);
 
 int wbsReadBytes(WbsConnection *conn, void *buf, unsigned int n);
 int wbsWriteBytes(WbsConnection *conn, const void *buf, unsigned int n);
+/* The same within the given seconds (the close frame's short wait). */
+int wbsWriteBytesWithin(WbsConnection *conn, const void *buf, unsigned int n, int seconds);
 
 int sendClientHandshake(WbsConnection *conn);
 int readServerHandshake(WbsConnection *conn);
