@@ -33,19 +33,19 @@ static void printWithTime(const char *what)
 
 static void onPingHook(void)
 {
-    system("echo 1 > /tmp/cloud_conn_state");
+    run_system_command("echo 1 > /tmp/cloud_conn_state");
 }
 
 static void onCloseHook(void)
 {
     printWithTime("ACK close.");
-    system("echo 0 > /tmp/cloud_conn_state");
+    run_system_command("echo 0 > /tmp/cloud_conn_state");
 }
 
 static void onReconnectionHook(void)
 {
     printWithTime("ACK reconnection.");
-    system("echo 1 > /tmp/cloud_conn_state");
+    run_system_command("echo 1 > /tmp/cloud_conn_state");
 }
 
 int main(int argc, char **argv)
@@ -93,7 +93,7 @@ int main(int argc, char **argv)
     KC_DEBUG_AT(100, "Starting Korvat Cloud Client\n");
     /* the main thread's id, recorded before any other thread exists */
     startSigtermHandling(currentThreadId());
-    system("echo 0 > /tmp/cloud_conn_state");
+    run_system_command("echo 0 > /tmp/cloud_conn_state");
     load_settings_to_globals();
     stopLeftoverLogCapture();
 

@@ -9,23 +9,27 @@
 #include <cstring>
 
 #include "util/debug.h"
+#include "util/spawn.h"
 
 const char SHELL_ERROR_TEXT[] = "ERROR";
 
-/* The real backend: popen, pclose and system. */
+/* The real backend: the device's shell, started as popen and system start
+ * it, without what the agent must not hand down (util/spawn.h). */
 static FILE *openRealPipe(const char *cmd, const char *mode)
 {
-    return popen(cmd, mode);
+    if (mode == NULL || mode[0] != 'r')
+        return NULL; /* the runner only reads */
+    return spawn_pipe(cmd);
 }
 
 static int closeRealPipe(FILE *stream)
 {
-    return pclose(stream);
+    return close_spawned_pipe(stream);
 }
 
 static int runRealCommand(const char *cmd)
 {
-    return system(cmd);
+    return spawn_and_wait(cmd);
 }
 
 static const ShellBackend kRealBackend = {openRealPipe, closeRealPipe, runRealCommand};
