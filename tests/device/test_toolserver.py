@@ -234,3 +234,23 @@ def test_a_run_directory_without_a_front_end_runs_each_tool_as_python(device):
     assert out.decode().endswith("status 143\nNov 15 23:12:24 VK310 "
                                  "user.notice root: first\n")
     assert not os.path.exists(os.path.join(device.run, ".simtools", "front"))
+
+
+STUCK = """import glob, socket, time
+s = socket.socket(socket.AF_UNIX)
+s.connect(glob.glob("/simrun/.simtools/srv-*.sock")[0])
+open("/tmp/connected", "w").close()
+time.sleep(1000)
+"""
+
+
+def test_a_connection_that_sends_nothing_does_not_hold_the_calls(device):
+    device.write_file("/tmp/stuck.py", STUCK)
+    status, out, err = run_sh(device, """
+uci get upnpc.http.enable
+/usr/bin/python3 /tmp/stuck.py &
+until [ -e /tmp/connected ]; do sleep 0.05; done
+uci get upnpc.http.enable
+kill $!
+""", timeout=60)
+    assert (status, out, err) == (0, "0\n0\n", "")

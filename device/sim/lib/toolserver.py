@@ -44,6 +44,7 @@ import apmodel  # noqa: E402,F401
 MAGIC = b"KTF1"
 HEAD = struct.Struct("=4s8Q")
 INT = struct.Struct("=i")
+RCVTIMEO = struct.pack("ll", 3, 0)
 STDIO = (("<stdin>", "r"), ("<stdout>", "w"), ("<stderr>", "w"))
 # sys.path after its first entry (the script's directory), as Python -S
 # sets it up: the standard library.
@@ -354,9 +355,6 @@ def serve(path, ready_fd):
     except FileNotFoundError:
         pass
     listener.bind(tmp)
-    # a front end that connects and sends nothing holds the server 10 s
-    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO,
-                        struct.pack("ll", 10, 0))
     listener.listen(128)
     os.rename(tmp, path)
     poll = select.epoll()
@@ -378,6 +376,10 @@ def serve(path, ready_fd):
 def accept(listener, poll, calls):
     try:
         conn, _ = listener.accept()
+        # a front end that connects and sends nothing holds the server
+        # 3 s at most (a Unix socket does not take this from the listener);
+        # that front end runs its tool as Python
+        conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, RCVTIMEO)
     except OSError:
         return
     req, fds = read_request(conn)
