@@ -171,7 +171,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             abort();
         // counters that grow, idle no faster than the total: a percentage
         if (newTotal > total && newIdle >= idle && newIdle - idle <= newTotal - total &&
-            newTotal - total < ULONG_MAX / 100) {
+            newTotal - total < ULONG_MAX / 101) { // (no overflow below)
             unsigned long dt = newTotal - total;
             unsigned long busy = dt - (newIdle - idle);
             // the whole busy percentage, rounded up
