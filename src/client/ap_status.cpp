@@ -22,12 +22,17 @@
 
 #include "client/error_reply.h"
 #include "json/json_filter.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "sdk/status_updates.h"
 #include "util/apply.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/facts.h"
+#include "util/shell_quote.h"
 #include "util/radios.h"
 
 /* ---- helpers ---- */
@@ -68,7 +73,7 @@ static char *outputOf(const char *cmd, int limit)
 {
     char *out = run_shell_command(cmd, limit);
     if (out == SHELL_ERROR_TEXT || out == NULL || out[0] == '\0') {
-        free_shell_output(out);
+        free_text(out);
         return NULL;
     }
     return out;
@@ -88,7 +93,7 @@ static void addValueText(cJSON *object, const char *name, const char *subCommand
     char *value = scriptValue(subCommand);
     if (value != NULL)
         jsonAddString(object, name, value);
-    free_shell_output(value);
+    free_text(value);
 }
 
 /* Adds the one-value answer as a number (atof); left out without one. */
@@ -97,7 +102,7 @@ static void addValueNumber(cJSON *object, const char *name, const char *subComma
     char *value = scriptValue(subCommand);
     if (value != NULL)
         jsonAddNumber(object, name, atof(value));
-    free_shell_output(value);
+    free_text(value);
 }
 
 /* A string member of an answer object, "" when it is missing. */
@@ -198,7 +203,7 @@ static int queryScript(const cJSON *request, const char *cmd, cJSON **answer)
     if (out == NULL)
         return 1;
     *answer = jsonParse(out);
-    free_shell_output(out);
+    free_text(out);
     if (*answer != NULL)
         return 1;
     sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
@@ -243,7 +248,7 @@ static void addGuestNetworkEntry(cJSON *array, const char *band)
     snprintf(cmd, sizeof cmd, "%s vekGetGuestNetworkConfig result %s", KAPRI_UTIL_SCRIPT, band);
     char *out = outputOf(cmd, kJsonAnswerLimit);
     cJSON *answer = out != NULL ? jsonParse(out) : NULL;
-    free_shell_output(out);
+    free_text(out);
     if (answer == NULL)
         return;
     cJSON *guest = jsonCreateObject();
@@ -261,7 +266,7 @@ static int renameSystem(const char *name)
 {
     char *current = uci_get(kSystemName);
     int changed = current != NULL && current != SHELL_ERROR_TEXT && strcmp(current, name) != 0;
-    free_shell_output(current);
+    free_text(current);
     if (!changed)
         return 0;
     uci_set(kSnmpName, name);
@@ -281,7 +286,7 @@ static void copyGuestOption(const char *option)
     char *value = uci_get(from);
     if (value != NULL && value != SHELL_ERROR_TEXT)
         uci_set(to, value);
-    free_shell_output(value);
+    free_text(value);
 }
 
 /* Stages the band-steering switch (not committed); enabling it gives the
@@ -291,7 +296,7 @@ static int setBandSteering(int requested)
 {
     char *current = uci_get(kBandSteering);
     int now = atoi(current != SHELL_ERROR_TEXT && current != NULL ? current : "");
-    free_shell_output(current);
+    free_text(current);
     if (now == requested)
         return 0;
     KC_DEBUG("uci_path = %s\n", kBandSteering);
@@ -313,7 +318,7 @@ static void replyWithAnswerObjects(const cJSON *request, cJSON *reply, cJSON *re
                                    char *answer, int (*add)(cJSON *, const char *))
 {
     int added = add(result, answer);
-    free_shell_output(answer);
+    free_text(answer);
     if (added < 0) {
         jsonDelete(reply);
         sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
@@ -330,19 +335,19 @@ void vekGetSystemConfigHandler(const cJSON *request)
         return;
     char *name = uci_get(kSystemName);
     if (name == NULL || name == SHELL_ERROR_TEXT || name[0] == '\0') {
-        free_shell_output(name);
+        free_text(name);
         sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
         return;
     }
     cJSON *result = NULL;
     cJSON *reply = initDeviceResult(request, &result);
     jsonAddString(result, "name", name);
-    free_shell_output(name);
+    free_text(name);
     if (g_support5G) {
         char *steering = uci_get(kBandSteering);
         if (steering != NULL && steering != SHELL_ERROR_TEXT && steering[0] != '\0')
             jsonAddBool(result, "steeringEnabled", atoi(steering) != 0);
-        free_shell_output(steering);
+        free_text(steering);
     }
     writeJsonReply(reply);
 }

@@ -10,7 +10,8 @@
 #include <cstring>
 
 #include "client/error_reply.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 
 struct MethodEntry {
     const char *method;

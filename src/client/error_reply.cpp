@@ -2,7 +2,7 @@
 #define KC_MODULE "nimb_client.cpp"
 #include "client/error_reply.h"
 
-#include "json/json_parser.h"
+#include "json/envelope.h"
 #include "sdk/nimb_sdk.h"
 
 void sendJsonRpcError(const cJSON *request, int code)

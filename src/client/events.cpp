@@ -28,11 +28,14 @@
 #include "client/handlers.h"
 #include "client/log_capture.h"
 #include "client/timer.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "util/apply.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
+#include "util/shell_quote.h"
 
 static const char kEventFile[] = "/tmp/cEvtLog";
 static const char kCaptureFile[] = LOG_CAPTURE_FILE;
@@ -183,7 +186,7 @@ static std::string isoTimeOf(const LogLine &line)
     free(word);
     char *out = run_shell_command(cmd.c_str(), 64);
     std::string iso = with_zone_colon(out);
-    free_shell_output(out);
+    free_text(out);
     return iso;
 }
 

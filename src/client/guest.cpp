@@ -16,12 +16,16 @@
 
 #include "client/error_reply.h"
 #include "json/json_filter.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "util/apply.h"
 #include "util/debug.h"
 #include "util/ip_network.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/facts.h"
 #include "util/radios.h"
 #include "util/wlan_profile.h"
 
@@ -52,7 +56,7 @@ static void replyWithScriptAnswer(const cJSON *request, const char *cmd,
     if (answer[0] != '\0') {
         cJSON *parsed = jsonParse(answer);
         if (parsed == NULL) {
-            free_shell_output(answer);
+            free_text(answer);
             jsonDelete(reply);
             sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
             return;
@@ -62,7 +66,7 @@ static void replyWithScriptAnswer(const cJSON *request, const char *cmd,
             jsonAddItem(reply, "result", result);
         jsonDelete(parsed);
     }
-    free_shell_output(answer);
+    free_text(answer);
     writeJsonReply(reply);
 }
 
@@ -124,13 +128,13 @@ static int checkGuestAddressing(const GuestAddressing *guest, int guestEnabled)
             inLan(lanAddress, lanMask, stop, guestMask) ||
             inLan(lanAddress, lanMask, guest->gatewayIp, guestMask))
             ok = 0;
-        free_shell_output(start);
-        free_shell_output(stop);
-        free_shell_output(storedGateway);
-        free_shell_output(guestMask);
+        free_text(start);
+        free_text(stop);
+        free_text(storedGateway);
+        free_text(guestMask);
     }
-    free_shell_output(lanAddress);
-    free_shell_output(lanMask);
+    free_text(lanAddress);
+    free_text(lanMask);
     return ok;
 }
 

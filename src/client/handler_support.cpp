@@ -3,7 +3,8 @@
 #include "client/handlers.h"
 
 #include "client/error_reply.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 
 const char *g_deviceMac = "";
 

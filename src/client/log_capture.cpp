@@ -9,7 +9,7 @@
 
 #include <unistd.h>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 static const char kStartCapture[] =
     "logread -f > " LOG_CAPTURE_FILE "& echo $! > " LOG_CAPTURE_PID_FILE;

@@ -22,13 +22,16 @@
 #include "linux/thread.h"
 #include "sdk/nimb_sdk.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
+#include "util/facts.h"
+#include "util/settings.h"
 
 static void printWithTime(const char *what)
 {
     char *now = get_iso_timestamp(1);
     printf("[%s] %s\n", now, what);
-    free_shell_output(now);
+    free_text(now);
 }
 
 static void onPingHook(void)

@@ -22,13 +22,15 @@
 #include "client/error_reply.h"
 #include "client/events.h"
 #include "client/log_capture.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "sdk/queue_backup.h"
 #include "util/apply.h"
 #include "util/debug.h"
 #include "util/firmware.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
 
 /* ---- helpers ---- */
 

@@ -21,11 +21,15 @@
 #include <unistd.h>
 
 #include "client/error_reply.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "upnp/upnp_helper.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/settings.h"
 
 static const char kRecordFile[] = "/tmp/luci-sessions/external/record_file";
 
@@ -88,7 +92,7 @@ void dxKorvatUpdateEnableRemoteWebUiAccessHandler(const cJSON *request)
 
     char *portText = run_shell_command("uci get httpd.httpd.port", 128);
     int webPort = atoi(portText);
-    free_shell_output(portText);
+    free_text(portText);
 
     char externalIp[16];
     int externalPort = 0;
@@ -151,7 +155,7 @@ void close_timeout_upnp_port(void)
              timeout);
     char *out = run_shell_command(cmd, 3);
     int verdict = atoi(out);
-    free_shell_output(out);
+    free_text(out);
     if (verdict == 0)
         return;
     int port = uci_get_int("upnpc.http.ext_port");

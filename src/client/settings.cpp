@@ -19,12 +19,17 @@
 #include <unistd.h>
 
 #include "client/error_reply.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "util/apply.h"
 #include "util/debug.h"
 #include "util/ip_network.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/facts.h"
+#include "util/shell_quote.h"
 #include "util/radios.h"
 
 /* ---- helpers ---- */
@@ -106,7 +111,7 @@ static void copyField(char *field, size_t size, const char *text)
 static void takeField(char *field, size_t size, char *text)
 {
     copyField(field, size, text);
-    free_shell_output(text);
+    free_text(text);
 }
 
 /* The nameserver on line `line` of the resolver file (not 127.0.0.1). */
@@ -134,7 +139,7 @@ static int read_network_settings(NetworkSettings *settings)
 
     char *proto = uci_get("network.lan.proto");
     settings->dhcpEnabled = proto != NULL && strcmp(proto, "static") == 0 ? 0 : 1;
-    free_shell_output(proto);
+    free_text(proto);
 
     char *resolvFile = uci_get("dhcp.@dnsmasq[0].resolvfile");
     if (resolvFile != NULL && strcmp(resolvFile, kAutoResolvFile) == 0)
@@ -143,7 +148,7 @@ static int read_network_settings(NetworkSettings *settings)
               readNameServer(resolvFile != NULL ? resolvFile : "", 1));
     takeField(settings->dnsServer2, sizeof settings->dnsServer2,
               readNameServer(resolvFile != NULL ? resolvFile : "", 2));
-    free_shell_output(resolvFile);
+    free_text(resolvFile);
 
     takeField(settings->ipAddress, sizeof settings->ipAddress, get_lan_ip_address());
     takeField(settings->subnetMask, sizeof settings->subnetMask,
@@ -185,7 +190,7 @@ static void renameDevice(const char *name)
         uci_set("system.system.SystemName", name);
         uci_commit(NULL);
     }
-    free_shell_output(current);
+    free_text(current);
 }
 
 /* 1 when the requested LAN address would fall into the guest DHCP range
@@ -207,10 +212,10 @@ static int collidesWithGuestRange(const NetworkSettings *settings)
                    bothIpInSameNetwork(address, start, guestMask) ||
                    bothIpInSameNetwork(address, stop, mask) ||
                    bothIpInSameNetwork(address, stop, guestMask);
-    free_shell_output(start);
-    free_shell_output(stop);
-    free_shell_output(guestAddress);
-    free_shell_output(guestMask);
+    free_text(start);
+    free_text(stop);
+    free_text(guestAddress);
+    free_text(guestMask);
     return collides;
 }
 
@@ -233,7 +238,7 @@ static int waitForPendingReply(const cJSON *reply)
 static void addOwnedText(cJSON *object, const char *name, char *text)
 {
     jsonAddString(object, name, text);
-    free_shell_output(text);
+    free_text(text);
 }
 
 /* ---- handlers ---- */

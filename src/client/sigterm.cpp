@@ -43,7 +43,7 @@
 #include "sdk/nimb_sdk.h"
 #include "sdk/queue_backup.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 static int s_mainProcessId = 0;
 static int s_pipe[2] = {-1, -1};

@@ -14,11 +14,16 @@
 #include <cstring>
 
 #include "client/error_reply.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "util/apply.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/facts.h"
+#include "util/settings.h"
 #include "util/time_zone.h"
 
 /* ---- helpers ---- */
@@ -69,7 +74,7 @@ void dxGetTimeSettingsHandler(const cJSON *request)
     free(offset);
     char *now = get_iso_timestamp(1);
     jsonAddString(result, "currentTime", now);
-    free_shell_output(now);
+    free_text(now);
     /* a missing option reads -1: enabled */
     jsonAddString(result, "daylightSavings",
                   uci_get_int(kDaylightEnable) != 0 ? "enabled" : "disabled");

@@ -24,7 +24,10 @@
 #include "sdk/nimb_sdk.h"
 #include "sdk/queue_backup.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
+#include "util/facts.h"
+#include "util/settings.h"
 #include "util/radios.h"
 
 static std::atomic<int> s_ticks{0};
@@ -54,7 +57,7 @@ static void detectBetaMode(void)
     char *out = run_shell_command("uci get korvatCloud.korvatCloud.beta_mode", 1024);
     if (atoi(out) == 1)
         g_betaMode = 1;
-    free_shell_output(out);
+    free_text(out);
     /* the timer's own line, whichever helper reads the setting */
     KC_DEBUG_AS(currentThreadId(), "timerHandler", 1550, "=== beta_mode=%d\n", g_betaMode.load());
 }

@@ -15,11 +15,15 @@
 #include <cstring>
 
 #include "client/error_reply.h"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "util/apply.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/shell_quote.h"
 #include "util/radios.h"
 #include "util/wlan_profile.h"
 
@@ -65,8 +69,8 @@ static int writeEnableFlag(int radio, const char *section, int enabled)
         snprintf(path, sizeof path, "wireless.wifi%d.enlist", radio);
         ret = setEnlistFlag(enlist, wlanlist, section, enabled, path);
     }
-    free_shell_output(enlist);
-    free_shell_output(wlanlist);
+    free_text(enlist);
+    free_text(wlanlist);
     return ret;
 }
 
@@ -114,7 +118,7 @@ static void runSetVlan(void)
     char cmd[128];
     snprintf(cmd, sizeof cmd, "%s setVlan", KAPRI_UTIL_SCRIPT);
     KC_DEBUG("sys_cmd = %s\n", cmd);
-    free_shell_output(run_shell_command(cmd, WLAN_LIST_READ_LIMIT));
+    free_text(run_shell_command(cmd, WLAN_LIST_READ_LIMIT));
 }
 
 /* The VLAN of a network (never of its brother): switched on with the
@@ -175,7 +179,7 @@ static void runRemoveWifiConfig(const char *section)
     char *cmd = static_cast<char *>(malloc(size));
     snprintf(cmd, size, "%s rm_wifi_config %s", KAPRI_UTIL_SCRIPT, word);
     free(word);
-    free_shell_output(run_shell_command(cmd, WLAN_LIST_READ_LIMIT));
+    free_text(run_shell_command(cmd, WLAN_LIST_READ_LIMIT));
     free(cmd);
 }
 
@@ -249,7 +253,7 @@ void vekSetNetworkConfigHandler(const cJSON *request)
     KC_DEBUG("p_w_idx = %s, vlan_id=%d\n", section, vlanId);
     char *profile = readNetworkProfile();
     if (strstr(profile, section) == NULL) {
-        free_shell_output(profile);
+        free_text(profile);
         sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
         return;
     }
@@ -260,13 +264,13 @@ void vekSetNetworkConfigHandler(const cJSON *request)
     int radio = wlanRadioOfIndex(networkIndex);
     KC_DEBUG("radio_idx = %d\n", radio);
     if (writeEnableFlag(radio, section, change.enabled) < 0) {
-        free_shell_output(profile);
+        free_text(profile);
         sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
         return;
     }
     /* the profile is split while looking for the brother: use a copy */
     char *profileCopy = strdup(profile);
-    free_shell_output(profile);
+    free_text(profile);
     char *brother = getBrotherIndex(section, profileCopy);
     free(profileCopy);
     KC_DEBUG("p_brother_idx = %s\n", brother != NULL ? brother : "(null)");
@@ -450,12 +454,12 @@ void vekDeleteNetworkHandler(const cJSON *request)
     }
     char *profile = readNetworkProfile();
     if (strstr(profile, section) == NULL) {
-        free_shell_output(profile);
+        free_text(profile);
         refuse(request, "Network index is not in the profile.");
         return;
     }
     char *profileCopy = strdup(profile);
-    free_shell_output(profile);
+    free_text(profile);
     char *brother = getBrotherIndex(section, profileCopy);
     free(profileCopy);
     KC_DEBUG("p_brother_idx = %s\n", brother != NULL ? brother : "(null)");

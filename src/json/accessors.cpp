@@ -1,5 +1,5 @@
 /* Reading and building cJSON trees with the defaults every handler expects. */
-#include "json/json_parser.h"
+#include "json/accessors.h"
 
 #include <cstdlib>
 

@@ -1,6 +1,7 @@
 /* JSON-RPC 2.0 reply envelope and the fixed table of error messages. */
 #define KC_MODULE "json_parser.cpp"
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 
 #include "util/debug.h"
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "json/json_parser.h"
+#include "json/accessors.h"
 
 /* "rx" and "tx" are byte counters that the device prints as text. */
 static int isCounterKey(const char *key)

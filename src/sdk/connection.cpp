@@ -14,14 +14,19 @@
 #include <ctime>
 #include <unistd.h>
 
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "linux/mutex.h"
 #include "linux/thread.h"
 #include "sdk/queue_backup.h"
 #include "sdk/sdk_private.h"
+#include "websocket/connection.h"
+#include "websocket/framing.h"
+#include "util/random.h"
 #include "sdk/status_updates.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
 
 struct ConnectionContext {
     const char *url;
@@ -128,7 +133,7 @@ static void readRetryInterval(void)
     int value = atoi(out);
     if (value > 0)
         s_retryInterval = value;
-    free_shell_output(out);
+    free_text(out);
 }
 
 int establishWbsConnection(void)

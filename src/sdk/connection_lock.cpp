@@ -4,7 +4,7 @@
  * readers, so a reconnection is not starved by the busy worker threads.
  */
 #define KC_MODULE "queue_manager.cpp"
-#include "sdk/queue_manager.h"
+#include "sdk/connection_lock.h"
 
 #include "linux/mutex.h"
 #include "linux/sem.h"

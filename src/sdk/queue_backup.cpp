@@ -14,10 +14,11 @@
 #include <cstdlib>
 #include <unistd.h>
 
-#include "json/json_parser.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
+#include "sdk/sdk_private.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
 #include "util/redact.h"
 
 namespace {

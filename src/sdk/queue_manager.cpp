@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "json/json_parser.h"
+#include "json/accessors.h"
 #include "linux/mutex.h"
 #include "linux/sem.h"
 #include "util/debug.h"

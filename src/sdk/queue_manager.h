@@ -1,6 +1,5 @@
 /*
- * Bounded queues of JSON trees between threads, and the readers-writers
- * lock (writer preference) that guards the one WebSocket connection.
+ * Bounded queues of JSON trees between threads.
  *
  * Ownership: a tree handed to produceObject belongs to the queue (or, when
  * refused, to the queue's refusal hook); consumeObject hands it to the
@@ -69,25 +68,5 @@ void snapshotQueue(JsonQueue *q, QueueSnapshotVisit visit, void *context);
  * as usual.
  */
 void snapshotQueueHandOver(JsonQueue *q, QueueSnapshotVisit visit, void *context);
-
-struct ConnectionLock {
-    pthread_mutex_t readerEntry;
-    pthread_mutex_t writerCount;
-    pthread_mutex_t readerCount;
-    sem_t readPermission;
-    sem_t resource;
-    int readers;
-    int writers;
-};
-
-void initConnectionLock(ConnectionLock *l);
-void deleteConnectionLock(ConnectionLock *l);
-void connectionReadLock(ConnectionLock *l);
-/* The read side if it can be had at once: 1 taken, 0 when a writer holds
- * or waits for the lock (a reconnection is under way). */
-int connectionTryReadLock(ConnectionLock *l);
-void connectionReadUnlock(ConnectionLock *l);
-void connectionWriteLock(ConnectionLock *l);
-void connectionWriteUnlock(ConnectionLock *l);
 
 #endif

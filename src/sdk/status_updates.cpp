@@ -22,11 +22,16 @@
 
 #include <atomic>
 
-#include "json/json_parser.h"
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "linux/thread.h"
 #include "sdk/nimb_sdk.h"
+#include "sdk/sdk_private.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
+#include "util/facts.h"
+#include "util/settings.h"
 
 static std::atomic<int> s_statusPeriod{60};
 /* 1 while an update is being gathered: a device command that hangs (the
@@ -42,7 +47,7 @@ static void readStatusPeriod(void)
     int value = atoi(out);
     if (value > 0)
         s_statusPeriod = value;
-    free_shell_output(out);
+    free_text(out);
 }
 
 int statusPeriod(void)
@@ -66,7 +71,7 @@ static char *valueOf(const char *cmd, int limit)
 {
     char *out = run_shell_command(cmd, limit);
     if (out == SHELL_ERROR_TEXT || out[0] == '\0') {
-        free_shell_output(out);
+        free_text(out);
         return NULL;
     }
     return out;
@@ -77,7 +82,7 @@ static void addCounter(cJSON *object, const char *name, const char *cmd)
     char *out = valueOf(cmd, 20);
     if (out != NULL)
         jsonAddNumber(object, name, atof(out));
-    free_shell_output(out);
+    free_text(out);
 }
 
 static const char *stringMember(const cJSON *object, const char *name)
@@ -134,7 +139,7 @@ static void logStatusUpdates(void)
     cJSON *update = jsonCreateObject();
     char *now = get_iso_timestamp(1);
     jsonAddString(update, "dateTime", now);
-    free_shell_output(now);
+    free_text(now);
 
     cJSON *system = jsonCreateObject();
     uint32_t memFree = get_free_memory_bytes();
@@ -157,7 +162,7 @@ static void logStatusUpdates(void)
 
     char *wifiInfo = valueOf(KAPRI_UTIL_SCRIPT " WifiInfo | tr -d '\n'", 16384);
     int radios = add_radio_objects(update, wifiInfo);
-    free_shell_output(wifiInfo);
+    free_text(wifiInfo);
     if (radios < 0) {
         /* more radios than the device can have: no update this period */
         jsonDelete(update);

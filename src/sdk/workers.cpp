@@ -11,11 +11,14 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "json/json_parser.h"
+#include "json/accessors.h"
 #include "linux/thread.h"
 #include "sdk/sdk_private.h"
+#include "websocket/framing.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/text.h"
+#include "util/facts.h"
+#include "util/colour.h"
 #include "util/redact.h"
 
 static ReplySentHook s_replySentHook = NULL;
@@ -47,7 +50,7 @@ static void printFrameDump(const char *function, const char *heading,
     char *now = get_iso_timestamp(1);
     printf("%s\n[%s][Thread][Func %s]\n%s%s\n%s\n", kDashes, now, function,
            heading, copy, kDashes);
-    free_shell_output(now);
+    free_text(now);
     free(copy);
 }
 

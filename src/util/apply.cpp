@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 std::atomic<int> g_applyDone{1};
 

@@ -4,7 +4,7 @@
  * closing quote.  The search is textual: the value starts at the second
  * double quote after the quoted key, wherever the key stands.
  */
-#include "util/kapri_util.h"
+#include "util/colour.h"
 
 #include <cstdio>
 #include <cstring>

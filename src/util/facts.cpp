@@ -1,6 +1,8 @@
 /* System facts, each read through one shell pipeline. */
 #define KC_MODULE "kapri_util.cpp"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
+#include "util/facts.h"
 
 #include <pthread.h>
 
@@ -36,11 +38,11 @@ char *get_firmware_version(int parts)
     char *out = run_shell_command(
         "cat /etc/version | cut -d- -f1 | cut -d' ' -f1 | tr -d '\n'", 256);
     if (out == NULL || out[0] == '\0') {
-        free_shell_output(out);
+        free_text(out);
         return dup_text("UnKnown");
     }
     char *version = cut_firmware_version(out, parts);
-    free_shell_output(out);
+    free_text(out);
     return version;
 }
 
@@ -52,7 +54,7 @@ char *get_model_name(void)
         20);
     char model[64];
     snprintf(model, sizeof model, "%s%s", out, g_betaMode.load() ? "-BETA" : "");
-    free_shell_output(out);
+    free_text(out);
     return str_to_upper(model);
 }
 
@@ -69,7 +71,7 @@ const char *get_current_date(void)
     static char date[64];
     char *out = run_shell_command("date +'%Y/%m/%d %H:%M:%S' | tr -d '\\n'", 50);
     snprintf(date, sizeof date, "%s", out);
-    free_shell_output(out);
+    free_text(out);
     return date;
 }
 
@@ -106,7 +108,7 @@ char *get_uptime_text(void)
     char *out = run_shell_command(
         "cat /proc/uptime | sed -e 's/\\..*//g' | tr -d '\\n'", 20);
     long seconds = atol(out);
-    free_shell_output(out);
+    free_text(out);
     return format_uptime(seconds);
 }
 
@@ -129,7 +131,7 @@ char *get_load_average_text(void)
     char *out = run_shell_command(
         "cat /proc/loadavg | sed -e 's/ .*//g' | tr -d '\\n'", 50);
     char *load = format_load_average(out);
-    free_shell_output(out);
+    free_text(out);
     return load;
 }
 
@@ -156,7 +158,7 @@ int get_cpu_usage(void)
         "$12 + $14}'",
         50);
     usage = cpu_figure_to_percent(out);
-    free_shell_output(out);
+    free_text(out);
     return usage;
 }
 
@@ -201,8 +203,8 @@ void calculateCPUUsage(void)
                     s_idle2, s_idle1, s_total2, s_total1, usage);
         pthread_mutex_unlock(&s_sampleLock);
     }
-    free_shell_output(idleText);
-    free_shell_output(totalText);
+    free_text(idleText);
+    free_text(totalText);
 }
 
 /* Kilobytes are kept as a 32-bit byte count, as on the device. */
@@ -219,7 +221,7 @@ static char *memory_text(const char *cmd)
     char *out = run_shell_command(cmd, 10);
     char *text = static_cast<char *>(malloc(32));
     snprintf(text, 32, "%s KB", out);
-    free_shell_output(out);
+    free_text(out);
     return text;
 }
 
@@ -227,7 +229,7 @@ static uint32_t memory_bytes(const char *cmd)
 {
     char *out = run_shell_command(cmd, 10);
     uint32_t bytes = out == SHELL_ERROR_TEXT ? 0 : kilobytes_text_to_bytes(out);
-    free_shell_output(out);
+    free_text(out);
     return bytes;
 }
 

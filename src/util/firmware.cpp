@@ -7,7 +7,9 @@
 #include <cstring>
 
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
 
 /* ---- helpers ---- */
 
@@ -64,7 +66,7 @@ void assert_udhcpc_start(void)
 {
     char *proto = uci_get("network.lan.proto");
     int dhcp = proto != NULL && strcmp(proto, "dhcp") == 0;
-    free_shell_output(proto);
+    free_text(proto);
     if (dhcp && is_process_running("udhcpc") == 0) {
         KC_DEBUG("execute system cmd [udhcpc -i br-lan -R]\n");
         run_system_command("udhcpc -i br-lan -R");

@@ -9,7 +9,9 @@
 #include <string>
 
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
+#include "util/shell_quote.h"
 
 /* Output of "getNetwordId" for one address and mask. */
 static char *networkId(const char *address, const char *mask)
@@ -28,8 +30,8 @@ int bothIpInSameNetwork(const char *a, const char *b, const char *mask)
     char *second = networkId(b, mask);
     KC_DEBUG("p_str = %s, p_str2 = %s\n", first, second);
     int same = strcmp(first, second) == 0;
-    free_shell_output(first);
-    free_shell_output(second);
+    free_text(first);
+    free_text(second);
     return same;
 }
 

@@ -9,7 +9,8 @@
 #include <initializer_list>
 
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
 
 std::atomic<int> g_support2G{0};
 std::atomic<int> g_support5G{0};
@@ -37,5 +38,5 @@ void detect_support_radio(void)
     snprintf(cmd, sizeof cmd, "%s get_support_radio | tr -d '\n'", KAPRI_UTIL_SCRIPT);
     char *out = run_shell_command(cmd, 16384);
     set_support_radio_from(out);
-    free_shell_output(out);
+    free_text(out);
 }

@@ -1,6 +1,8 @@
 /* The agent's own settings loaded at start-up, and update-interval names. */
 #define KC_MODULE "kapri_util.cpp"
-#include "util/kapri_util.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/settings.h"
 
 #include <cstdio>
 #include <cstring>
@@ -37,6 +39,6 @@ void load_settings_to_globals(void)
     printf("Load uci configurations to global variables...\n");
     g_timeSyncBase = 0;
     g_timeSyncPeriod = frequency_name_to_seconds(name);
-    free_shell_output(name);
+    free_text(name);
     g_remoteAccessTimeout = uci_get_int("korvatCloud.korvatCloud.remote_access_timeout");
 }

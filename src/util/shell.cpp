@@ -1,6 +1,6 @@
-/* Running shell pipelines with bounded output, and the UCI wrappers. */
+/* Running shell pipelines with bounded output. */
 #define KC_MODULE "kapri_util.cpp"
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 #include <cctype>
 #include <cerrno>
@@ -10,8 +10,6 @@
 
 #include "util/debug.h"
 #include "util/spawn.h"
-
-const char SHELL_ERROR_TEXT[] = "ERROR";
 
 /* The real backend: the device's shell, started as popen and system start
  * it, without what the agent must not hand down (util/spawn.h). */
@@ -110,12 +108,6 @@ char *run_shell_command(const char *cmd, int max_len)
     return out;
 }
 
-void free_shell_output(char *text)
-{
-    if (text != NULL && text != SHELL_ERROR_TEXT)
-        free(text);
-}
-
 int is_process_running(const char *name)
 {
     if (name == NULL || name[0] == '\0')
@@ -128,87 +120,7 @@ int is_process_running(const char *name)
              name);
     char *out = run_shell_command(cmd, 3);
     int running = atoi(out);
-    free_shell_output(out);
+    free_text(out);
     run_system_command("rm -f /tmp/ps.txt");
     return running;
-}
-
-char *str_to_upper(const char *text)
-{
-    size_t n = strlen(text);
-    char *upper = static_cast<char *>(malloc(n + 1));
-    for (size_t i = 0; i < n; i++)
-        upper[i] = (char)toupper((unsigned char)text[i]);
-    upper[n] = '\0';
-    return upper;
-}
-
-char *uci_get(const char *path)
-{
-    if (path == NULL) {
-        printf("Error!\n");
-        return NULL;
-    }
-    char *word = shell_quote_path(path);
-    size_t size = strlen(word) + 25;
-    char *cmd = static_cast<char *>(malloc(size));
-    snprintf(cmd, size, "uci get %s | tr -d '\\n'", word);
-    free(word);
-    char *value = run_shell_command(cmd, 256);
-    free(cmd);
-    return value;
-}
-
-int uci_get_int(const char *path)
-{
-    if (path == NULL)
-        return -1;
-    char *value = uci_get(path);
-    int result = -1;
-    if (value != NULL && value[0] != '\0')
-        result = atoi(value);
-    free_shell_output(value);
-    return result;
-}
-
-int uci_set(const char *path, const char *value)
-{
-    if (path == NULL || value == NULL)
-        return 0;
-    /* The value reaches uci literally: inside the double quotes, " $ `
-     * and \ get a backslash, so a value without them gives the command
-     * line exactly as before. */
-    char *word = shell_quote_path(path);
-    char *escaped = shell_escape_dquoted(value);
-    char cmd[1024];
-    snprintf(cmd, sizeof cmd, "uci set %s=\"%s\"", word, escaped);
-    free(escaped);
-    free(word);
-    run_system_command(cmd);
-    return 1;
-}
-
-int uci_set_int(const char *path, int value)
-{
-    if (path == NULL)
-        return 0;
-    char *word = shell_quote_path(path);
-    char cmd[1024];
-    snprintf(cmd, sizeof cmd, "uci set %s=%d", word, value);
-    free(word);
-    run_system_command(cmd);
-    return 1;
-}
-
-int uci_commit(const char *package)
-{
-    /* Every commit commits all packages: handlers that change several
-     * packages rely on one commit.  Only an empty name takes the other
-     * form, which runs the same command with a trailing blank. */
-    if (package != NULL && package[0] == '\0') {
-        char cmd[64];
-        snprintf(cmd, sizeof cmd, "uci commit %s", package);
-        return run_system_command(cmd);
-    }
-    return run_system_command("uci commit");
 }

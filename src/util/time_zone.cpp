@@ -7,7 +7,10 @@
 #include <cstring>
 
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/facts.h"
 
 /* ---- the time-zone table ---- */
 
@@ -93,7 +96,7 @@ char *get_timezone_offset(void)
 {
     char *code = uci_get("system.system.timezone");
     char *offset = code == SHELL_ERROR_TEXT ? NULL : timezone_offset_of_code(code);
-    free_shell_output(code);
+    free_text(code);
     return offset;
 }
 
@@ -163,7 +166,7 @@ int get_current_year(void)
     char *text = run_shell_command("date +%Y | tr -d '\\n'", 10);
     KC_DEBUG("p_str = %s\n", text);
     int year = text != NULL ? atoi(text) : 0;
-    free_shell_output(text);
+    free_text(text);
     return year;
 }
 
@@ -282,7 +285,7 @@ static void copyField(char *field, size_t size, const char *text)
 static void takeShellField(char *field, size_t size, char *text)
 {
     copyField(field, size, text);
-    free_shell_output(text);
+    free_text(text);
 }
 
 /* Copies a heap text into a field and frees it. */

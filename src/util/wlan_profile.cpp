@@ -9,7 +9,9 @@
 #include <initializer_list>
 
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
 #include "util/redact.h"
 #include "util/radios.h"
 
@@ -93,7 +95,7 @@ int getFreeWlanIndex(int radio)
         if (digit >= 0 && digit <= 9)
             used |= 1u << digit;
     }
-    free_shell_output(list);
+    free_text(list);
     for (int slot = 0; slot < WLAN_SLOT_COUNT; slot++) {
         if ((used & (1u << slot)) == 0)
             return slot;
@@ -108,7 +110,7 @@ static void appendToListOption(const char *path, const char *tail, int limit)
     char *grown = appendToString(list, tail, WLAN_RESULT_SIZE);
     uci_set(path, grown);
     free(grown);
-    free_shell_output(list);
+    free_text(list);
 }
 
 void addWlanIndex(int radio, int slot)
@@ -150,7 +152,7 @@ int removeNetworkProfile(const char *text)
             appendEntry(rebuilt, entry, &kept);
     });
     uci_set("wireless.wifi0.network_profile", rebuilt);
-    free_shell_output(profile);
+    free_text(profile);
     return 0;
 }
 
@@ -170,7 +172,7 @@ int removeWlanIndex(int radio, int slot)
         else
             appendEntry(rebuilt, entry, &kept);
     });
-    free_shell_output(wlanlist);
+    free_text(wlanlist);
     if (position < 0)
         return -1;
     uci_set(path, rebuilt);
@@ -183,7 +185,7 @@ int removeWlanIndex(int radio, int slot)
         if (at != position)
             appendEntry(flags, entry, &keptFlags);
     });
-    free_shell_output(enlist);
+    free_text(enlist);
     uci_set(path, flags);
     return 0;
 }
@@ -325,7 +327,7 @@ int isApOpMode(int radio)
     snprintf(path, sizeof path, "wireless.wifi%d.opmode", radio);
     char *mode = uci_get(path);
     int ap = mode == NULL || mode[0] == '\0' || strcmp(mode, "ap") == 0;
-    free_shell_output(mode);
+    free_text(mode);
     return ap;
 }
 

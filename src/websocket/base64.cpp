@@ -1,5 +1,7 @@
 /* Standard Base64 encoder with "=" padding, bounded by the output size. */
-#include "websocket/websocket_client.h"
+#include "websocket/base64.h"
+
+#include <stdint.h>
 
 static const char kAlphabet[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

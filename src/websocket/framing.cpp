@@ -4,7 +4,9 @@
  * which every failed read or write runs.
  */
 #define KC_MODULE "websocket_client.cpp"
-#include "websocket/websocket_client.h"
+#include "websocket/connection.h"
+#include "websocket/framing.h"
+#include "util/random.h"
 
 #include <cstring>
 

@@ -3,7 +3,10 @@
  * and the check of the server's answer.
  */
 #define KC_MODULE "websocket_client.cpp"
-#include "websocket/websocket_client.h"
+#include "websocket/connection.h"
+#include "websocket/handshake.h"
+#include "websocket/base64.h"
+#include "util/random.h"
 
 #include <cstdio>
 #include <cstring>

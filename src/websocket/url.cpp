@@ -11,7 +11,9 @@
  * rather than cut, so the agent never talks to a truncated host name.
  */
 #define KC_MODULE "websocket_client.cpp"
-#include "websocket/websocket_client.h"
+#include "websocket/connection.h"
+#include "websocket/framing.h"
+#include "websocket/url.h"
 
 #include <cctype>
 #include <cerrno>

@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-#include "util/kapri_util.h"
+#include "util/colour.h"
 
 namespace {
 

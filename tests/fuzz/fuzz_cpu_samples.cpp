@@ -28,7 +28,8 @@
 #include <string>
 #include <vector>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/facts.h"
 
 namespace {
 

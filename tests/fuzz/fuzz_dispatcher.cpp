@@ -76,12 +76,13 @@
 #include <string>
 #include <vector>
 
+#include "sdk/sdk_private.h"
 #include "client/handlers.h"
-#include "json/json_parser.h"
+#include "json/accessors.h"
 #include "linux/sem.h"
 #include "sdk/nimb_sdk.h"
 #include "upnp/upnp_helper.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
 #include "util/radios.h"
 
 namespace {

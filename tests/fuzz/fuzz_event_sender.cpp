@@ -28,11 +28,12 @@
 #include <string>
 #include <vector>
 
+#include "sdk/sdk_private.h"
 #include "client/events.h"
 #include "client/handlers.h"
 #include "linux/sem.h"
 #include "sdk/nimb_sdk.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 namespace {
 

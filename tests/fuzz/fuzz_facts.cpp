@@ -27,7 +27,7 @@
 #include <cstring>
 #include <string>
 
-#include "util/kapri_util.h"
+#include "util/facts.h"
 
 namespace {
 

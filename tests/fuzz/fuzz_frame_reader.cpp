@@ -22,6 +22,9 @@
 #include <string>
 #include <vector>
 
+#include "sdk/sdk_private.h"
+#include "websocket/connection.h"
+#include "websocket/framing.h"
 #include "fuzz_support.h"
 #include "sdk/nimb_sdk.h"
 

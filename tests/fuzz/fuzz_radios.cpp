@@ -27,7 +27,7 @@
 #include <string>
 #include <vector>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
 #include "util/radios.h"
 
 namespace {

@@ -32,11 +32,12 @@
 #include <string>
 #include <vector>
 
-#include "json/json_parser.h"
+#include <cjson/cJSON.h>
+
 #include "linux/sem.h"
 #include "sdk/queue_backup.h"
 #include "sdk/queue_manager.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 namespace {
 

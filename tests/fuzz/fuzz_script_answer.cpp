@@ -23,8 +23,9 @@
 #include <cstring>
 #include <string>
 
+#include <cjson/cJSON.h>
+
 #include "json/json_filter.h"
-#include "json/json_parser.h"
 
 namespace {
 

@@ -38,6 +38,7 @@
 #include <string>
 
 #include "fuzz_support.h"
+#include "websocket/handshake.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include <cstring>
 #include <string>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <string>
 
-#include "websocket/websocket_client.h"
+#include "websocket/connection.h"
 
 /* The peer's side is not what is being fuzzed: its comparisons are kept
  * out of the coverage feedback (clang; other compilers build it plainly). */

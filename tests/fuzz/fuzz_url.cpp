@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-#include "websocket/websocket_client.h"
+#include "websocket/connection.h"
 
 namespace {
 

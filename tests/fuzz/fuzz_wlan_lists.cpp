@@ -28,7 +28,7 @@
 #include <string>
 #include <vector>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
 #include "util/wlan_profile.h"
 
 namespace {

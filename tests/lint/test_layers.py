@@ -35,10 +35,10 @@ def test_a_sideways_include_between_siblings_is_caught(tmp_path):
     copy = tmp_path / "src"
     shutil.copytree(SRC, copy)
     target = copy / "upnp" / "upnp_helper.cpp"
-    target.write_text('#include "websocket/websocket_client.h"\n' + target.read_text())
+    target.write_text('#include "websocket/connection.h"\n' + target.read_text())
     r = run(str(copy))
     assert r.returncode == 1
-    assert "upnp/upnp_helper.cpp:1: includes websocket/websocket_client.h" in r.stdout
+    assert "upnp/upnp_helper.cpp:1: includes websocket/connection.h" in r.stdout
 
 
 def test_a_folder_missing_from_the_table_is_caught(tmp_path):

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "test_support.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 namespace kctest {
 

@@ -6,9 +6,11 @@
  */
 #include <gtest/gtest.h>
 
+#include <cjson/cJSON.h>
+
+#include "json/accessors.h"
 #include "test_support.h"
 #include "sdk/queue_backup.h"
-#include "util/kapri_util.h"
 
 using namespace kctest;
 using testing::internal::CaptureStdout;

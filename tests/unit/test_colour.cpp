@@ -11,12 +11,12 @@
 
 #include <pthread.h>
 
-#include "json/json_parser.h"
+#include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
 #include "sdk/queue_manager.h"
 #include "sdk/sdk_private.h"
 #include "test_support.h"
-#include "util/kapri_util.h"
+#include "util/colour.h"
 
 namespace {
 

@@ -6,9 +6,11 @@
  */
 #include <gtest/gtest.h>
 
+#include <cjson/cJSON.h>
+
 #include "client/handlers.h"
 #include "test_support.h"
-#include "util/kapri_util.h"
+#include "util/facts.h"
 
 using namespace kctest;
 using testing::internal::CaptureStdout;

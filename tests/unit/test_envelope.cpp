@@ -5,6 +5,8 @@
  */
 #include <gtest/gtest.h>
 
+#include "json/envelope.h"
+#include "json/accessors.h"
 #include "client/error_reply.h"
 #include "test_support.h"
 

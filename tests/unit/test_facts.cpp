@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 
 #include "test_support.h"
-#include "util/kapri_util.h"
+#include "util/text.h"
+#include "util/facts.h"
+#include "util/settings.h"
 
 using namespace kctest;
 
@@ -18,7 +20,7 @@ namespace {
 std::string take(char *text)
 {
     std::string s = text != nullptr ? text : "<null>";
-    free_shell_output(text);
+    free_text(text);
     return s;
 }
 

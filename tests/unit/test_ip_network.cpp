@@ -3,7 +3,7 @@
 
 #include "test_support.h"
 #include "util/ip_network.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
 
 using namespace kctest;
 

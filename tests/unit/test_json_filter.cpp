@@ -8,8 +8,9 @@
 
 #include <string>
 
+#include <cjson/cJSON.h>
+
 #include "json/json_filter.h"
-#include "json/json_parser.h"
 
 namespace {
 

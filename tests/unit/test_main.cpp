@@ -9,6 +9,7 @@
 
 #include <csignal>
 
+#include "sdk/sdk_private.h"
 #include "test_support.h"
 
 namespace kctest {

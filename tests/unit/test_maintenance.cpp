@@ -20,6 +20,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cjson/cJSON.h>
+
 #include "client/events.h"
 #include "client/handlers.h"
 #include "sdk/queue_backup.h"
@@ -27,7 +29,8 @@
 #include "util/apply.h"
 #include "util/debug.h"
 #include "util/firmware.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/settings.h"
 
 using namespace kctest;
 using testing::internal::CaptureStdout;

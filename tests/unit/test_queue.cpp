@@ -9,6 +9,7 @@
 #include <set>
 #include <thread>
 
+#include "json/accessors.h"
 #include "test_support.h"
 
 using namespace kctest;

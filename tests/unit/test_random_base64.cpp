@@ -7,8 +7,16 @@
 
 #include <string>
 
+#include "sdk/sdk_private.h"
+#include "websocket/base64.h"
+#include "util/random.h"
 #include "sdk/nimb_sdk.h"
-#include "websocket/websocket_client.h"
+#include "websocket/connection.h"
+#include "websocket/framing.h"
+#include "websocket/handshake.h"
+#include "websocket/url.h"
+#include "websocket/base64.h"
+#include "util/random.h"
 
 TEST(Random, SeedOneGivesTheHandComputedSequence)
 {

@@ -15,7 +15,7 @@
 #include "client/timer.h"
 #include "fake_uci.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/settings.h"
 
 using namespace kctest;
 using testing::internal::CaptureStdout;

@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 
 #include "test_support.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
 
 using namespace kctest;
 
@@ -18,7 +20,7 @@ std::string run(const std::string &cmd, int cap)
 {
     char *out = run_shell_command(cmd.c_str(), cap);
     std::string text = out;
-    free_shell_output(out);
+    free_text(out);
     return text;
 }
 
@@ -109,7 +111,7 @@ TEST(ShellCommand, MissingCommandGivesTheErrorConstant)
     char *out = run_shell_command(nullptr, 20);
     EXPECT_STREQ("ERROR", out);
     EXPECT_EQ(SHELL_ERROR_TEXT, out);
-    free_shell_output(out); // leaves the constant alone
+    free_text(out); // leaves the constant alone
 }
 
 TEST(UpperCase, CopiesInUpperCase)
@@ -140,7 +142,7 @@ TEST(UciWrappers, GetRunsUciGetAndKeepsTheValue)
     char *value = uci_get("system.system.timezone");
     ASSERT_NE(nullptr, value);
     EXPECT_STREQ("Europe/Helsinki", value); // the newline is deleted by tr
-    free_shell_output(value);
+    free_text(value);
     EXPECT_EQ("get|system.system.timezone|\n", tools.calls());
 }
 

@@ -6,7 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/shell_quote.h"
 
 namespace {
 
@@ -33,7 +36,7 @@ std::string shellReads(const std::string &arg)
     std::string cmd = "printf %s " + arg;
     char *out = run_shell_command(cmd.c_str(), 8192);
     std::string text = out;
-    free_shell_output(out);
+    free_text(out);
     return text;
 }
 

@@ -11,7 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/text.h"
 #include "util/spawn.h"
 
 namespace {
@@ -20,7 +21,7 @@ std::string outputOf(const char *cmd)
 {
     char *out = run_shell_command(cmd, 4096);
     std::string text = out;
-    free_shell_output(out);
+    free_text(out);
     return text;
 }
 

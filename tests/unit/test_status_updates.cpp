@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "json/json_parser.h"
+#include "json/accessors.h"
 #include "sdk/status_updates.h"
 #include "test_support.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/facts.h"
 
 TEST(MemoryAlarm, QuotientOfUsedOverAllKilobytes)
 {

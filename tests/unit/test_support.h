@@ -33,11 +33,19 @@
 #include <string>
 #include <vector>
 
-#include "json/json_parser.h"
+#include <cjson/cJSON.h>
+
+#include "sdk/sdk_private.h"
+#include "websocket/connection.h"
 #include "linux/sem.h"
 #include "sdk/nimb_sdk.h"
 #include "sdk/queue_manager.h"
-#include "websocket/websocket_client.h"
+#include "websocket/connection.h"
+#include "websocket/framing.h"
+#include "websocket/handshake.h"
+#include "websocket/url.h"
+#include "websocket/base64.h"
+#include "util/random.h"
 
 namespace kctest {
 

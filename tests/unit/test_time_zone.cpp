@@ -15,7 +15,8 @@
 #include "client/timer.h"
 #include "test_support.h"
 #include "util/debug.h"
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/settings.h"
 #include "util/time_zone.h"
 
 namespace {

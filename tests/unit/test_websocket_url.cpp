@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "websocket/websocket_client.h"
+#include "websocket/connection.h"
 
 namespace {
 

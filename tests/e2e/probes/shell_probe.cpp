@@ -10,7 +10,10 @@
 #include <cstring>
 #include <string>
 
-#include "util/kapri_util.h"
+#include "util/shell.h"
+#include "util/uci.h"
+#include "util/text.h"
+#include "util/shell_quote.h"
 
 int main(int argc, char **argv)
 {
@@ -22,7 +25,7 @@ int main(int argc, char **argv)
         free(word);
         char *out = run_shell_command(cmd.c_str(), 4096);
         fputs(out, stdout);
-        free_shell_output(out);
+        free_text(out);
         return 0;
     }
     fprintf(stderr, "usage: shell_probe uci-set PATH VALUE | word TEXT\n");

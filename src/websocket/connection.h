@@ -1,10 +1,19 @@
 /*
- * WebSocket client: the one connection record of the process, the server
- * URL, the opening handshake with subprotocol "nimb-protocol", and RFC 6455
- * framing (masked frames out, whole messages in, pings answered inside).
+ * The one WebSocket connection record of the process: the server URL's
+ * parts, the socket (or a byte transport in its place, for tests), the TLS
+ * session, the two locks and the callbacks.  Made once by
+ * initWebsocketConnection, connected again by every connectWebsocket,
+ * released by freeWebsocketConnection.
+ *
+ * Ownership: the record belongs to whoever made it (the connection
+ * manager, for the life of the process).  readLock serialises receiving,
+ * writeLock each frame's bytes (see websocket/framing.h for the order);
+ * fd is read without a lock by the reader and changed only under
+ * writeLock or while nobody uses the record.  Buffers passed to the byte
+ * calls belong to the caller.
  */
-#ifndef KC_WEBSOCKET_CLIENT_H
-#define KC_WEBSOCKET_CLIENT_H
+#ifndef KC_WEBSOCKET_CONNECTION_H
+#define KC_WEBSOCKET_CONNECTION_H
 
 #include <pthread.h>
 #include <stdint.h>
@@ -12,21 +21,11 @@
 #include <atomic>
 
 #include "linux/ssl.h"
-#include "util/random.h"
 
 enum {
     WBS_STATE_CONNECTING = 1,
     WBS_STATE_OPEN = 2,
     WBS_STATE_CLOSED = 3,
-};
-
-enum {
-    WBS_OPCODE_CONTINUATION = 0,
-    WBS_OPCODE_TEXT = 1,
-    WBS_OPCODE_BINARY = 2,
-    WBS_OPCODE_CLOSE = 8,
-    WBS_OPCODE_PING = 9,
-    WBS_OPCODE_PONG = 10,
 };
 
 #define WBS_FIELD_SIZE 128
@@ -82,40 +81,27 @@ struct WbsConnection {
     WbsTransport transport;
 };
 
-
-/* Base64 with "=" padding; characters written (terminated), or -1. */
-int base64Encode(const unsigned char *in, int inLen, char *out, int outCap);
-
-/* Host, port, path and transport of a server URL; 1 if one form matched. */
-int parseServerUrl(const char *url, char *host, int *port, char *path,
-                   int *useTls);
-
+/* The record of a server URL (none of the forms: NULL), not connected. */
 WbsConnection *initWebsocketConnection(const char *url, const char *origin,
                                        WbsCallback onPing, WbsCallback onClose);
+/* Connects and runs the opening handshake: 1 on success, 0 on failure
+ * (nothing logged; the caller retries). */
 int connectWebsocket(WbsConnection *conn);
 /* Opens conn over transport instead of a socket: fd becomes
  * WBS_TRANSPORT_FD and the state open.  Such a record is never connected
  * with connectWebsocket (which then fails and leaves it alone); closing it
  * touches no descriptor. */
 void wbsAttachTransport(WbsConnection *conn, const WbsTransport *transport);
+/* Closes an open connection without running onClose, then releases the
+ * record. */
 void freeWebsocketConnection(WbsConnection *conn);
 
+/* Exactly n bytes in, fewer once the peer has closed, or -1 (an error, the
+ * 40-second silence, a closed record). */
 int wbsReadBytes(WbsConnection *conn, void *buf, unsigned int n);
+/* All n bytes out, or -1 (an error, 40 seconds without progress, a closed
+ * record); wbsWriteBytesWithin: within the given seconds. */
 int wbsWriteBytes(WbsConnection *conn, const void *buf, unsigned int n);
-/* The same within the given seconds (the close frame's short wait). */
 int wbsWriteBytesWithin(WbsConnection *conn, const void *buf, unsigned int n, int seconds);
-
-int sendClientHandshake(WbsConnection *conn);
-int readServerHandshake(WbsConnection *conn);
-int checkServerProtocol(const char *line);
-int verifyServerResponse(WbsConnection *conn, const char *line);
-/* Text of the latest handshake request (for tests and debugging). */
-const char *lastClientHandshake(void);
-
-int wbsReadMessage(WbsConnection *conn, void *buf, unsigned int capacity);
-int wbsSendFrame(WbsConnection *conn, int opcode, void *data,
-                 unsigned int length);
-int wbsSendPing(WbsConnection *conn);
-void wbsClose(WbsConnection *conn);
 
 #endif
