@@ -469,7 +469,7 @@ void vekGetClientStatusHandler(const cJSON *request)
     size_t size = strlen(KAPRI_UTIL_SCRIPT) + strlen(word) + 40;
     char *cmd = static_cast<char *>(malloc(size));
     snprintf(cmd, size, "%s vekGetClientStatus result %s", KAPRI_UTIL_SCRIPT, word);
-    free(word);
+    free_text(word);
     KC_DEBUG("sys_cmd = %s\n", cmd);
     cJSON *answer = NULL;
     int answered = queryScript(request, cmd, &answer);
@@ -490,7 +490,7 @@ void vekGetRadioConfigHandler(const cJSON *request)
     }
     char *upper = str_to_upper(interface);
     int radio = strcmp(upper, "2.4GHZ") == 0 ? 0 : strcmp(upper, "5GHZ") == 0 ? 1 : -1;
-    free(upper);
+    free_text(upper);
     if (radio < 0) {
         sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
         return;

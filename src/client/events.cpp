@@ -183,7 +183,7 @@ static std::string isoTimeOf(const LogLine &line)
     char *word = shell_quote(when);
     std::string cmd = std::string("date -d ") + word +
                       " +'%Y-%m-%dT%H:%M:%S%z' | tr -d '\\n'";
-    free(word);
+    free_text(word);
     char *out = run_shell_command(cmd.c_str(), 64);
     std::string iso = with_zone_colon(out);
     free_text(out);

@@ -123,7 +123,7 @@ static char *readNameServer(const char *resolvFile, int line)
              "cat %s | grep -E '^nameserver.*.' | grep -v '127.0.0.1' | "
              "sed -n '%d,1p' | cut -d ' ' -f 2 | tr -d '\\n'",
              file, line);
-    free(file);
+    free_text(file);
     return run_shell_command(cmd, 100);
 }
 

@@ -71,7 +71,7 @@ void dxGetTimeSettingsHandler(const cJSON *request)
     /* a zone code that no row of the table begins with has no offset */
     char *offset = get_timezone_offset();
     jsonAddString(result, "timeZone", offset != NULL ? offset : "");
-    free(offset);
+    free_text(offset);
     char *now = get_iso_timestamp(1);
     jsonAddString(result, "currentTime", now);
     free_text(now);
@@ -117,7 +117,7 @@ void dxSetTimeSettingsHandler(const cJSON *request)
 
     if (code != NULL)
         uci_set("system.system.timezone", code);
-    free(code);
+    free_text(code);
     if (daylightOn >= 0)
         uci_set_int(kDaylightEnable, daylightOn);
 

@@ -178,7 +178,7 @@ static void runRemoveWifiConfig(const char *section)
     size_t size = strlen(KAPRI_UTIL_SCRIPT) + strlen(word) + 32;
     char *cmd = static_cast<char *>(malloc(size));
     snprintf(cmd, size, "%s rm_wifi_config %s", KAPRI_UTIL_SCRIPT, word);
-    free(word);
+    free_text(word);
     free_text(run_shell_command(cmd, WLAN_LIST_READ_LIMIT));
     free(cmd);
 }
@@ -268,14 +268,11 @@ void vekSetNetworkConfigHandler(const cJSON *request)
         sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
         return;
     }
-    /* the profile is split while looking for the brother: use a copy */
-    char *profileCopy = strdup(profile);
+    char *brother = getBrotherIndex(section, profile);
     free_text(profile);
-    char *brother = getBrotherIndex(section, profileCopy);
-    free(profileCopy);
     KC_DEBUG("p_brother_idx = %s\n", brother != NULL ? brother : "(null)");
     if (brother != NULL && writeEnableFlag((radio + 1) % 2, brother, change.enabled) < 0) {
-        free(brother);
+        free_text(brother);
         sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
         return;
     }
@@ -290,7 +287,7 @@ void vekSetNetworkConfigHandler(const cJSON *request)
         setTracedOption(brother, "isolate", change.separationEnabled ? "1" : "0");
         setWifiSecurity(brother, change.encryption, change.password, change.radiusServer,
                         change.radiusPort, change.radiusSecret);
-        free(brother);
+        free_text(brother);
     }
     if (!vlanUnchanged)
         runSetVlan();
@@ -458,10 +455,8 @@ void vekDeleteNetworkHandler(const cJSON *request)
         refuse(request, "Network index is not in the profile.");
         return;
     }
-    char *profileCopy = strdup(profile);
+    char *brother = getBrotherIndex(section, profile);
     free_text(profile);
-    char *brother = getBrotherIndex(section, profileCopy);
-    free(profileCopy);
     KC_DEBUG("p_brother_idx = %s\n", brother != NULL ? brother : "(null)");
 
     sendSuccess(request);
@@ -470,7 +465,7 @@ void vekDeleteNetworkHandler(const cJSON *request)
     if (brother != NULL) {
         removeNetwork(brother);
         runRemoveWifiConfig(brother);
-        free(brother);
+        free_text(brother);
     }
     char cmd[128];
     snprintf(cmd, sizeof cmd, "%s setVlan", KAPRI_UTIL_SCRIPT);

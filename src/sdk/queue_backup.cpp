@@ -139,7 +139,7 @@ void restore_queue(const char *file, JsonQueue *queue)
         if (g_debugFlag) {
             char *shown = redact_secrets(line);
             KC_DEBUG_AT(1705, "produce the JSON command, line = %s\n", shown);
-            free(shown);
+            free_text(shown);
         }
         KC_DEBUG_AT(1706, "produceObject: start\n");
         produceObject(queue, root, PRODUCE_NONBLOCKING);

@@ -57,7 +57,7 @@ void fw_update(const char *url)
     char *escaped = fw_escape_url(url);
     char cmd[2 * FW_URL_MAX + 64];
     snprintf(cmd, sizeof cmd, "/bin/cli.sh fwupgrade %s ", escaped);
-    free(escaped);
+    free_text(escaped);
     KC_DEBUG("=== Download firmware and update, cmd = \"%s\" ===\n", cmd);
     run_system_command(cmd);
 }

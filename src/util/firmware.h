@@ -13,7 +13,7 @@
  * of | & ; < > $ ( ) \ " ' ` * ? [ ] ~ #, the blank included, and every
  * other character as it is, from at most FW_URL_MAX characters of url, so
  * that the tool gets the URL as one literal argument.  A new text the
- * caller frees; NULL for NULL.
+ * caller releases with free_text (util/text.h); NULL for NULL.
  */
 char *fw_escape_url(const char *url);
 

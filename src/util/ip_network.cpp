@@ -19,8 +19,8 @@ static char *networkId(const char *address, const char *mask)
     char *a = shell_quote(address != NULL ? address : "");
     char *m = shell_quote(mask != NULL ? mask : "");
     std::string cmd = std::string(KAPRI_UTIL_SCRIPT) + " getNetwordId " + a + " " + m;
-    free(a);
-    free(m);
+    free_text(a);
+    free_text(m);
     return run_shell_command(cmd.c_str(), 16384);
 }
 

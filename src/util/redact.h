@@ -8,8 +8,9 @@
  * accessors match them) are printed as "***" there; the text on the wire
  * is never changed.
  *
- * Ownership: redact_secrets returns a new heap text that the caller frees
- * with free() (NULL for NULL); secret_shown returns a constant text.
+ * Ownership: redact_secrets returns a new heap text that the caller
+ * releases with free_text (util/text.h; NULL for NULL); secret_shown
+ * returns a constant text.
  */
 #ifndef KC_UTIL_REDACT_H
 #define KC_UTIL_REDACT_H

@@ -15,7 +15,8 @@
  *                       backquote and backslash; every other character is
  *                       kept, so text without those four is unchanged.
  *
- * Both return a new heap text that the caller frees with free(); NULL in,
+ * Each returns a new heap text that the caller releases with free_text
+ * (util/text.h); NULL in,
  * NULL out.  Every command line that carries request text is built through
  * one of these (the UCI wrappers quote their path with shell_quote_path and
  * uci_set its value with shell_escape_dquoted; fw_update keeps its own

@@ -288,11 +288,11 @@ static void takeShellField(char *field, size_t size, char *text)
     free_text(text);
 }
 
-/* Copies a heap text into a field and frees it. */
+/* Copies a text of this module into a field and releases it. */
 static void takeField(char *field, size_t size, char *text)
 {
     copyField(field, size, text);
-    free(text);
+    free_text(text);
 }
 
 int read_time_settings(TimeSettings *settings)
@@ -335,14 +335,14 @@ int write_time_settings(const TimeSettings *settings)
     uci_set("ntpclient.@ntpserver[0].hostname", s.ntpServer);
     char *code = find_timezone_code(s.utcOffset);
     uci_set("system.system.timezone", code != NULL ? code : "");
-    free(code);
+    free_text(code);
     if (s.manualEntry[0] != '\0') {
         uci_set_int("ntpclient.@ntpclient[0].NTPSrvMode", 0);
         uci_set_int("ntpclient.@ntpclient[0].TimeSettingMode", 0);
         uci_set("korvatCloud.korvatCloud.ts_manualEntry", s.manualEntry);
         char *fixed = compact_timestamp(s.manualEntry);
         uci_set("system.system.fixtime", fixed);
-        free(fixed);
+        free_text(fixed);
     } else {
         uci_set_int("ntpclient.@ntpclient[0].NTPSrvMode", 1);
         uci_set_int("ntpclient.@ntpclient[0].TimeSettingMode", 1);

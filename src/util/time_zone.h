@@ -9,7 +9,7 @@
  * weekday (0 = Sunday) and hour.
  *
  * Ownership: every char * result below is a new heap text that the caller
- * frees with free(); NULL means "none".  The const char * results are
+ * releases with free_text (util/text.h); NULL means "none".  The const char * results are
  * constants, never freed.  Nothing here commits UCI.
  */
 #ifndef KC_UTIL_TIME_ZONE_H

@@ -19,7 +19,7 @@ char *uci_get(const char *path)
     size_t size = strlen(word) + 25;
     char *cmd = static_cast<char *>(malloc(size));
     snprintf(cmd, size, "uci get %s | tr -d '\\n'", word);
-    free(word);
+    free_text(word);
     char *value = run_shell_command(cmd, 256);
     free(cmd);
     return value;
@@ -48,8 +48,8 @@ int uci_set(const char *path, const char *value)
     char *escaped = shell_escape_dquoted(value);
     char cmd[1024];
     snprintf(cmd, sizeof cmd, "uci set %s=\"%s\"", word, escaped);
-    free(escaped);
-    free(word);
+    free_text(escaped);
+    free_text(word);
     run_system_command(cmd);
     return 1;
 }
@@ -61,7 +61,7 @@ int uci_set_int(const char *path, int value)
     char *word = shell_quote_path(path);
     char cmd[1024];
     snprintf(cmd, sizeof cmd, "uci set %s=%d", word, value);
-    free(word);
+    free_text(word);
     run_system_command(cmd);
     return 1;
 }

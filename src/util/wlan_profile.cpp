@@ -109,7 +109,7 @@ static void appendToListOption(const char *path, const char *tail, int limit)
     char *list = readListText(path, limit);
     char *grown = appendToString(list, tail, WLAN_RESULT_SIZE);
     uci_set(path, grown);
-    free(grown);
+    free_text(grown);
     free_text(list);
 }
 

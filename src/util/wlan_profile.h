@@ -25,10 +25,9 @@
  *
  * None of these helpers commits or applies anything.
  *
- * Ownership: texts returned here are new heap texts the caller frees with
- * free(); the helpers free the shell output they read themselves.  Texts
- * passed in are only read, except the profile of getBrotherIndex, which is
- * split in place.
+ * Ownership: texts returned here are new heap texts the caller releases
+ * with free_text (util/text.h); the helpers release the shell output they
+ * read themselves.  Texts passed in are only read.
  */
 #ifndef KC_UTIL_WLAN_PROFILE_H
 #define KC_UTIL_WLAN_PROFILE_H
@@ -50,7 +49,7 @@
 
 /* ---- list and profile editing ---- */
 
-/* A new buffer of size bytes (caller frees): oriStr, then appendStr, every
+/* A new buffer of size bytes: oriStr, then appendStr, every
  * newline dropped, cut to size - 1 characters.  NULL texts read as empty. */
 char *appendToString(const char *oriStr, const char *appendStr, int size);
 
