@@ -72,7 +72,8 @@ class DeviceServer(Hooks):
     def __init__(self, port=0, tls=False, ping_interval=DEFAULT_PING_INTERVAL,
                  url_path="", host="127.0.0.1", log_file=None, echo=True,
                  cert_dir=None, tls_max_version=None, ping_payload=b"",
-                 close_timeout=3.0, netns=None, timeout_scale=1.0):
+                 close_timeout=3.0, netns=None, timeout_scale=1.0,
+                 certfile=None, keyfile=None, validate=None, retain=True):
         """
         port: 0 for an ephemeral port (kept across pause/resume).
         tls: serve wss:// with a self-signed certificate made at start.
@@ -88,6 +89,17 @@ class DeviceServer(Hooks):
         timeout_scale: multiplies every wait of the calls below (replies,
         connections, pongs, messages), for a slow or loaded machine; a wait
         that ends as expected ends just as soon.
+        certfile, keyfile: with tls, the server's own certificate and key
+        (PEM files) instead of a self-signed pair made at start.
+        validate: check every message the agent sends against the protocol
+        document (docs/openrpc.json, protocol.py); what does not conform is
+        kept in .violations as (raw text, [problems]) and logged.  None
+        means: when the environment sets KC_VALIDATE_PROTOCOL=1.
+        retain: keep frames, log lines, received texts and unsolicited
+        messages in memory (tests read them).  A long-running server whose
+        observers take what they need (the console) passes False.
+        Observers (.observers, add_observer) are told of connections,
+        frames, messages and requests as they happen (in the loop thread).
         """
         self.host = host
         self.port = port
@@ -102,8 +114,18 @@ class DeviceServer(Hooks):
         self.close_timeout = close_timeout
         self.netns = netns
         self.timeout_scale = timeout_scale
-        self.certfile = self.keyfile = None
+        self.certfile, self.keyfile = certfile, keyfile
         self.ssl_context = None
+        if validate is None:
+            validate = os.environ.get("KC_VALIDATE_PROTOCOL") == "1"
+        self.protocol = None
+        if validate:
+            from .protocol import Protocol
+            self.protocol = Protocol()
+        self.violations = []         # (raw text, [problems]) when validating
+        self.retain = retain
+        self.observers = []
+        self._sent_methods = {}      # json.dumps(id) -> method of the request sent
 
         self.connections = []        # every Connection, in order of arrival
         self.handshakes = []         # (path, [(name, value)...]) of every request
@@ -126,8 +148,9 @@ class DeviceServer(Hooks):
     # ----- lifecycle -------------------------------------------------------
 
     def start(self):
-        if self.tls:
+        if self.tls and self.certfile is None:
             self.certfile, self.keyfile = tlscert.make_self_signed(self.cert_dir)
+        if self.tls:
             self.ssl_context = tlscert.server_context(
                 self.certfile, self.keyfile, max_version=self.tls_max_version)
         if self.log_file:
@@ -390,7 +413,8 @@ class DeviceServer(Hooks):
             stamp = datetime.datetime.now().strftime("%H:%M:%S.%f")[:-3]
             line = "%s %s" % (stamp, line)
         with self._log_lock:
-            self.log_lines.append(line)
+            if self.retain:
+                self.log_lines.append(line)
             if self._log_fh:
                 self._log_fh.write(line + "\n")
             if self.echo:
@@ -400,8 +424,10 @@ class DeviceServer(Hooks):
 
     def frame(self, conn, direction, opcode, fin, payload):
         entry = FrameLog(time.time(), conn.index, direction, opcode, fin, payload)
-        self.frames.append(entry)
+        if self.retain:
+            self.frames.append(entry)
         self._log(entry.line(), at=entry.time)
+        self._notify("on_frame", conn, entry)
         if direction == "recv" and opcode == OP_PONG:
             with self._cond:
                 conn.pongs.append((entry.time, entry.payload))
@@ -423,6 +449,7 @@ class DeviceServer(Hooks):
                 conn.tls_version, conn.tls_session_reused)))
         if self.ping_interval:
             conn.pinger = asyncio.ensure_future(self._ping_loop(conn))
+        self._notify("on_open", conn)
         return conn
 
     def closed(self, conn):
@@ -434,6 +461,7 @@ class DeviceServer(Hooks):
             self._cond.notify_all()
         self._log("[conn %d] closed: agent's code=%s reason=%r, server's code=%s" % (
             conn.index, conn.close_code, conn.close_reason, conn.close_sent_code))
+        self._notify("on_close", conn)
 
     def message(self, conn, data):
         self._on_message(conn, data)
@@ -476,6 +504,11 @@ class DeviceServer(Hooks):
             except Exception:
                 pass
         self._listening = False
+        # what is left (closing handshakes, pings) ends with the loop
+        rest = [t for t in asyncio.all_tasks() if t is not asyncio.current_task()]
+        for task in rest:
+            task.cancel()
+        await asyncio.gather(*rest, return_exceptions=True)
 
     async def _ping_loop(self, conn):
         try:
@@ -488,24 +521,66 @@ class DeviceServer(Hooks):
     def _on_message(self, conn, data):
         raw = data if isinstance(data, str) else data.decode("utf-8", "replace")
         at = time.time()
-        self.received_texts.append(raw)
+        if self.retain:
+            self.received_texts.append(raw)
         try:
             parsed = json.loads(raw)
-        except ValueError:
+        except (ValueError, RecursionError):
             parsed = None
+        key = json.dumps(parsed.get("id")) if isinstance(parsed, dict) else None
+        method = self._sent_methods.get(key) if key is not None else None
+        if self.protocol is not None:
+            problems = self.protocol.check(raw, parsed, method)
+            if problems:
+                self.violations.append((raw, problems))
+                self._log("[conn %d] PROTOCOL VIOLATION (docs/openrpc.json): %s" % (
+                    conn.index, "; ".join(problems)))
+        self._notify("on_message", conn, raw, parsed, method, at)
         if isinstance(parsed, dict) and "method" not in parsed and (
                 "result" in parsed or "error" in parsed):
-            key = json.dumps(parsed.get("id"))
             fut = self._pending.pop(key, None)
             if fut is not None and not fut.done():
                 fut.set_result(Reply(parsed, raw))
                 return
+        if not self.retain:
+            return
         with self._cond:
             self._messages.append(Message(parsed, raw, conn, at))
             self._cond.notify_all()
 
+    def add_observer(self, observer):
+        """observer may have on_open(conn), on_close(conn), on_frame(conn,
+        FrameLog), on_message(conn, raw, data, method, time) (method: of the
+        request a reply answers, when known) and on_sent(conn, text, data);
+        each is called in the loop thread and must not block."""
+        self.observers.append(observer)
+        return observer
+
+    def _notify(self, name, *args):
+        for observer in list(self.observers):
+            hook = getattr(observer, name, None)
+            if hook is None:
+                continue
+            try:
+                hook(*args)
+            except Exception as exc:  # an observer never breaks the server
+                self._log("observer %s.%s failed: %r" % (type(observer).__name__, name, exc))
+
+    def _note_sent(self, conn, data):
+        if not isinstance(data, str):
+            return
+        try:
+            parsed = json.loads(data)
+        except (ValueError, RecursionError):     # what tests send may be anything
+            parsed = None
+        if isinstance(parsed, dict) and isinstance(parsed.get("method"), str) \
+                and "id" in parsed:
+            self._sent_methods[json.dumps(parsed["id"])] = parsed["method"]
+        self._notify("on_sent", conn, data, parsed)
+
     async def _send(self, data, conn):
         conn = self._target(conn)
+        self._note_sent(conn, data)
         await conn.link.send(data)
 
     async def _request(self, text, expect_id, timeout, conn):
@@ -514,6 +589,7 @@ class DeviceServer(Hooks):
         fut = self._loop.create_future()
         self._pending[key] = fut
         try:
+            self._note_sent(conn, text)
             await conn.link.send(text)
             return await asyncio.wait_for(fut, timeout)
         except asyncio.TimeoutError:

@@ -279,17 +279,25 @@ class Link(object):
         """Writes what the protocol has to send, logging each frame."""
         for data in self.proto.data_to_send():
             if data == b"":          # the end of the stream: half-close
-                if self.writer.can_write_eof():
-                    self.writer.write_eof()
-                else:                # TLS: close_notify, then the socket
-                    self.writer.transport.close()
+                try:
+                    if self.writer.transport.is_closing():
+                        pass
+                    elif self.writer.can_write_eof():
+                        self.writer.write_eof()
+                    else:            # TLS: close_notify, then the socket
+                        self.writer.transport.close()
+                except OSError:      # the peer is gone already
+                    self.writer.transport.abort()
                 self._eof_sent.set()
                 continue
             if self.conn is not None:
                 opcode, fin, payload = parse_frame(data)
                 self.hooks.frame(self.conn, "send", opcode, fin, payload)
             if not self.writer.transport.is_closing():
-                self.writer.write(data)
+                try:
+                    self.writer.write(data)
+                except OSError:
+                    self.writer.transport.abort()
         if self._closing_task is None and self.proto.close_expected() \
                 and self.conn is not None:
             self._closing_task = asyncio.ensure_future(self._closing())
