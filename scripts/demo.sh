@@ -2,12 +2,24 @@
 # Runs the agent against the bundled device server, the agent inside the
 # simulated device (never on the host).  As root on Debian bookworm:
 #
-# Usage: scripts/demo.sh [--once] [--tls] [--upnp]
+# Usage: scripts/demo.sh [--once] [--tls] [--upnp] | --console [--tls]
 #
 #   scripts/demo.sh            # runs until Ctrl-C
 #   scripts/demo.sh --once     # one tour of requests, then exits (0 = all answered)
 #   scripts/demo.sh --tls      # the same over wss://
 #   scripts/demo.sh --upnp     # also a UPnP gateway upstream, and remote access
+#   scripts/demo.sh --console  # the web console with a few simulated access
+#                              # points (KC_DEMO_DEVICES, default 3), until Ctrl-C
+#
+# --console: prints the console's address (http://127.0.0.1:8765/, port
+# KC_CONSOLE_PORT); open it in a browser on this machine.  Every access
+# point is a simulated device in a network of its own running the agent;
+# the device server runs on the host and listens in each device network's
+# gateway namespace (192.168.1.1), its console on the host's loopback.
+# What the console keeps (devices, status history, events, log lines,
+# requests) is in KC_CONSOLE_DB (default ~/.local/state/korvat-cloud/
+# console.sqlite) and is there again at the next start.  The agents'
+# output goes to files named in the output, not to the terminal.
 #
 # The tour: dxGetAbout, an unknown method, an envelope without params; the
 # network settings and the time settings read and changed, with the
@@ -32,17 +44,23 @@ top=$(pwd)
 once=""
 tls=""
 upnp=""
+console=""
 for arg in "$@"; do
     case "$arg" in
     --once) once="--once" ;;
     --tls) tls="--tls" ;;
     --upnp) upnp="--upnp" ;;
+    --console) console="--console" ;;
     -h | --help)
         sed -n '2,/^set -eu/p' "$0" | sed -e '$d' -e 's/^# \{0,1\}//'
         exit 0 ;;
-    *) echo "usage: $0 [--once] [--tls] [--upnp] [--help]" >&2; exit 2 ;;
+    *) echo "usage: $0 [--once] [--tls] [--upnp] [--console] [--help]" >&2; exit 2 ;;
     esac
 done
+if [ -n "$console" ] && [ -n "$once$upnp" ]; then
+    echo "usage: --console goes with --tls only" >&2
+    exit 2
+fi
 
 if [ -z "${KC_AGENT:-}" ]; then
     scripts/install-deps.sh
@@ -52,6 +70,78 @@ if [ -z "${KC_AGENT:-}" ]; then
     KC_AGENT="$top/build/korvat-cloud"
 fi
 MAC=${KC_DEMO_MAC:-02:4b:56:31:30:01}
+
+# ---- the web console with several simulated access points -----------------
+run_console() {
+    n=${KC_DEMO_DEVICES:-3}
+    port=${KC_CONSOLE_PORT:-8765}
+    db=${KC_CONSOLE_DB:-${XDG_STATE_HOME:-$HOME/.local/state}/korvat-cloud/console.sqlite}
+    mkdir -p "$(dirname "$db")"
+    work=$(mktemp -d "${TMPDIR:-/tmp}/korvat-console.XXXXXX")
+    server_pid=""
+    cleanup_console() {
+        : > "$work/ending"
+        [ -z "$server_pid" ] || kill "$server_pid" 2>/dev/null || true
+        for i in $(seq 1 "$n"); do
+            device/run-device stop "$work/ap$i" >/dev/null 2>&1 || true
+        done
+        wait 2>/dev/null || true
+        for i in $(seq 1 "$n"); do
+            device/run-device net-down "$work/ap$i" >/dev/null 2>&1 || true
+            rm -rf "$work/ap$i.ctl"
+        done
+        rm -rf "$work"
+    }
+    trap cleanup_console EXIT
+    trap 'exit 130' INT TERM
+    netns=""
+    for i in $(seq 1 "$n"); do
+        device/run-device init "$work/ap$i" >/dev/null
+        info=$(device/run-device net-up "$work/ap$i")
+        gw=$(printf '%s' "$info" | /usr/bin/python3 -c 'import json,sys; print(json.load(sys.stdin)["gateway"])')
+        netns="$netns --netns /proc/$gw/ns/net"
+        device/run-device run "$work/ap$i" -- /bin/sh -c \
+            'uci set korvatCloud.korvatCloud.auto_update=10 && uci commit korvatCloud'
+    done
+    # shellcheck disable=SC2086
+    /usr/bin/python3 -u server/device_server.py --console --host 192.168.1.1 $netns \
+        $tls --quiet --log-file "$work/frames.log" --db "$db" \
+        --console-port "$port" --url-file "$work/url" \
+        --console-url-file "$work/console.url" > "$work/server.log" 2>&1 &
+    server_pid=$!
+    i=0
+    while [ ! -s "$work/console.url" ]; do
+        i=$((i + 1))
+        if [ "$i" -ge 150 ] || ! kill -0 "$server_pid" 2>/dev/null; then
+            echo "the device server did not start:" >&2
+            cat "$work/server.log" >&2
+            exit 1
+        fi
+        sleep 0.1
+    done
+    url=$(cat "$work/url")
+    for i in $(seq 1 "$n"); do
+        mac=$(printf '02:4b:56:31:30:%02x' "$i")
+        # as the device starts it: again at every boot (a reset reboots it)
+        (
+            while [ ! -e "$work/ending" ]; do
+                device/run-device run --agent "$KC_AGENT" "$work/ap$i" -- \
+                    /usr/bin/korvat-cloud -d "$url" "$mac" >> "$work/agent$i.log" 2>&1 || true
+                [ ! -e "$work/ending" ] && device/run-device rebooted "$work/ap$i" || break
+            done
+        ) &
+        echo "[device] access point $i: $mac, the agent's output in $work/agent$i.log"
+    done
+    echo "[server] device server $url in the $n device networks; frames in $work/frames.log"
+    echo "[server] history kept in $db"
+    echo "console: $(cat "$work/console.url")"
+    echo "(Ctrl-C ends the demo)"
+    wait "$server_pid" || true
+}
+if [ -n "$console" ]; then
+    run_console
+    exit 0
+fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/korvat-demo.XXXXXX")
 run="$work/device"

@@ -3,9 +3,13 @@
 # (with the interoperability suite's Node ws and libwebsockets servers, and
 # the UPnP gateway of the remote-access tests: miniupnpd with its nftables
 # backend, a package that installs no service) and the big-endian MIPS
-# target build (cross compilers, qemu-user) need.  Safe to run again: it
-# only calls apt-get when something is missing, and installing needs root
-# (a user who is not root is told what is missing and stops here).
+# target build (cross compilers, qemu-user) need, and the device server's web
+# console: aiohttp, jsonschema (the protocol check), Chart.js (Debian's
+# libjs-chart.js, served from /usr/share/javascript, never fetched at run
+# time), and for its browser test headless Chromium driven by Selenium.
+# Safe to run again: it only calls apt-get when something is missing, and
+# installing needs root (a user who is not root is told what is missing and
+# stops here).
 #
 # Usage: scripts/install-deps.sh [--list]
 #   --list   prints the packages, one a line, and exits
@@ -16,7 +20,8 @@ libcjson-dev libssl-dev libminiupnpc-dev libgtest-dev
 python3 python3-websockets python3-pytest bubblewrap busybox iproute2 openssl procps psmisc
 file gcc-mips-linux-gnu g++-mips-linux-gnu qemu-user dpkg-dev
 nodejs node-ws libwebsockets-dev
-miniupnpd-nftables nftables miniupnpc"
+miniupnpd-nftables nftables miniupnpc
+python3-aiohttp python3-jsonschema libjs-chart.js python3-selenium chromium chromium-driver"
 
 case "${1:-}" in
 "") ;;

@@ -14,7 +14,7 @@ set(kc_suite_costs
   e2e.dispatch 65  e2e.queueing 50  e2e.tls 40  e2e.backoff 30  e2e.host_safety 11
   e2e.target 6
   e2e.startup_settings 130  e2e.output_caps 80  e2e.network_settings_corners 60
-  e2e.remote_access_gateways 60
+  e2e.remote_access_gateways 60  e2e.console 45
   package.init_script 195  interop.python 190  interop.ws 180
   interop.lws 155  device.utility_script 78  device.reboot_and_logs 43
   device.tools 40  device.uci 33  device.network 20  device.sandbox 15
