@@ -7,8 +7,14 @@ that asks for confirmation; a streamed log line in the log view.
 Screenshots go to KC_ARTIFACT_DIR (the build's test-artifacts/)."""
 import json
 import os
+import pty
+import re
+import select
 import shutil
+import signal
 import tempfile
+import time
+import urllib.request
 
 import pytest
 
@@ -196,8 +202,89 @@ def _check_console(driver, console, servers, device, store):
     driver.find_element(By.ID, "log-stop").click()
     until(driver, lambda d: d.find_element(By.ID, "log-state").text == "stopped",
           what="streaming switched off")
-    deadline = Deadline(20)
-    while device.exists("/tmp/cloud_log_file") and not deadline.passed():
-        wait_for(lambda: not device.exists("/tmp/cloud_log_file"), 1)
-    assert not device.exists("/tmp/cloud_log_file")
-    assert ROOT
+    # the agent stopped its capture and removed it
+    assert wait_for(lambda: not device.exists("/tmp/cloud_log_file"), 20)
+
+
+def test_demo_console_lists_its_access_points_and_ends_with_ctrl_c(tmp_path):
+    """scripts/demo.sh --console: the simulated access points connect, the
+    console it prints lists them with what they reported, Ctrl-C ends every
+    process it started and leaves the history in its SQLite file."""
+    work = tmp_path / "work"
+    work.mkdir()
+    db = tmp_path / "console.sqlite"
+    env = dict(os.environ, KC_AGENT=AGENT, TMPDIR=str(work), KC_DEMO_DEVICES="2",
+               KC_CONSOLE_PORT="0", KC_CONSOLE_DB=str(db))
+    pid, fd = pty.fork()
+    if pid == 0:
+        try:
+            signal.signal(signal.SIGINT, signal.SIG_DFL)
+            os.execve(os.path.join(ROOT, "scripts", "demo.sh"), ["demo.sh", "--console"], env)
+        finally:
+            os._exit(127)
+    buf = bytearray()
+
+    def read(timeout):
+        end = time.monotonic() + timeout
+        while time.monotonic() < end:
+            r, _, _ = select.select([fd], [], [], 0.2)
+            if r:
+                try:
+                    data = os.read(fd, 65536)
+                except OSError:
+                    return False
+                if not data:
+                    return False
+                buf.extend(data)
+                return True
+        return True
+
+    try:
+        deadline = Deadline(120)
+        while b"console: http" not in buf and not deadline.passed():
+            if not read(1):
+                break
+        text = buf.decode("utf-8", "replace")
+        m = re.search(r"console: (http://127\.0\.0\.1:\d+/)", text)
+        assert m, text[-3000:]
+        url = m.group(1)
+
+        def both_listed():
+            with urllib.request.urlopen(url + "api/devices", timeout=10) as r:
+                devices = json.loads(r.read())["devices"]
+            return sorted(d["mac"] for d in devices if d["connected"] and d["model"] == "VK310")
+        assert wait_for(lambda: both_listed() == ["02:4b:56:31:30:01", "02:4b:56:31:30:02"], 60)
+        os.write(fd, b"\x03")
+        while read(1):
+            pass
+
+        def reaped():
+            done, status = os.waitpid(pid, os.WNOHANG)
+            return (done, status) if done else None
+        done, status = wait_for(reaped, 20, interval=0.1) or (0, 0)
+        assert done == pid, "demo still running after Ctrl-C"
+        pid = 0
+        assert os.WIFEXITED(status) and os.WEXITSTATUS(status) == 130, status
+        assert not [p for p in os.listdir("/proc") if p.isdigit() and _mentions(p, str(work))]
+        assert os.listdir(work) == []
+    finally:
+        if pid:
+            os.kill(pid, signal.SIGKILL)
+            os.waitpid(pid, 0)
+        os.close(fd)
+    # what the console saw is still in its file
+    store = Store(str(db))
+    try:
+        assert [(d["mac"], d["connected"]) for d in store.devices()] == [
+            ("02:4b:56:31:30:01", False), ("02:4b:56:31:30:02", False)]
+        assert all(h["method"] == "dxGetAbout" for h in store.requests())
+    finally:
+        store.close()
+
+
+def _mentions(pid, text):
+    try:
+        with open("/proc/%s/cmdline" % pid, "rb") as f:
+            return text.encode() in f.read()
+    except OSError:
+        return False
