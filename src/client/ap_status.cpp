@@ -20,7 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/error_reply.h"
+#include "client/reply.h"
 #include "json/json_filter.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
@@ -206,7 +206,7 @@ static int queryScript(const cJSON *request, const char *cmd, cJSON **answer)
     free_text(out);
     if (*answer != NULL)
         return 1;
-    sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+    replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
     return 0;
 }
 
@@ -220,7 +220,7 @@ static void replyFiltered(const cJSON *request, cJSON *answer, const char *const
     if (answer != NULL)
         jsonAddItem(reply, "result", json_filter_copy(answer, top_keys, item_keys));
     jsonDelete(answer);
-    writeJsonReply(reply);
+    replyResult(reply);
 }
 
 /* The enterprise key list for "WPA2" and "WPA MIXED", else the personal one. */
@@ -321,26 +321,28 @@ static void replyWithAnswerObjects(const cJSON *request, cJSON *reply, cJSON *re
     free_text(answer);
     if (added < 0) {
         jsonDelete(reply);
-        sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
+        replyRefusal(request, refusal(KC_ERROR_DEVICE_STATE));
         return;
     }
-    writeJsonReply(reply);
+    replyResult(reply);
 }
 
 /* ---- handlers ---- */
 
 void vekGetSystemConfigHandler(const cJSON *request)
 {
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     char *name = uci_get(kSystemName);
     if (name == NULL || name == SHELL_ERROR_TEXT || name[0] == '\0') {
         free_text(name);
-        sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
+        replyRefusal(request, refusal(KC_ERROR_DEVICE_STATE));
         return;
     }
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     jsonAddString(result, "name", name);
     free_text(name);
     if (g_support5G) {
@@ -349,39 +351,42 @@ void vekGetSystemConfigHandler(const cJSON *request)
             jsonAddBool(result, "steeringEnabled", atoi(steering) != 0);
         free_text(steering);
     }
-    writeJsonReply(reply);
+    replyResult(reply);
 }
 
 void vekSetSystemConfigHandler(const cJSON *request)
 {
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *name = jsonGetString(params, "name");
     int steering = jsonGetIntOrAbsent(params, "steeringEnabled");
     if (name == NULL || (g_support5G && steering == JSON_ABSENT_INT)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (!g_support5G && steering != JSON_ABSENT_INT) {
-        sendJsonRpcErrorData(request, JSONRPC_INVALID_PARAMS, kSteeringUnsupported);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, kSteeringUnsupported));
         return;
     }
     int changed = renameSystem(name);
     if (g_support5G)
         changed |= setBandSteering(steering);
-    cJSON *result = NULL;
-    writeJsonReply(initDeviceResult(request, &result));
+    replyDeviceId(request);
     if (changed)
         cloud_action_apply();
 }
 
 void vekGetStatusHandler(const cJSON *request)
 {
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
 
     cJSON *system = jsonCreateObject();
     jsonAddInt(system, "cpu", get_cpu_usage());
@@ -400,32 +405,38 @@ void vekGetStatusHandler(const cJSON *request)
 
 void vekGetLanStatusHandler(const cJSON *request)
 {
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     addValueText(result, "speed", "vekGetLanStatus speed");
     addValueText(result, "duplexMode", "vekGetLanStatus duplexMode");
     addValueNumber(result, "rx", "vekGetLanStatus rx");
     addValueNumber(result, "tx", "vekGetLanStatus tx");
-    writeJsonReply(reply);
+    replyResult(reply);
 }
 
 void vekGetRadioStatusHandler(const cJSON *request)
 {
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     replyWithAnswerObjects(request, reply, result, wifiInfoAnswer(), addRadioStatusObjects);
 }
 
 void vekGetGuestNetworkStatusHandler(const cJSON *request)
 {
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     char *guestInfo =
         outputOf(KAPRI_UTIL_SCRIPT " GuestNetworkInfo | tr -d '\n'", kJsonAnswerLimit);
     replyWithAnswerObjects(request, reply, result, guestInfo, addGuestNetworkObjects);
@@ -433,8 +444,10 @@ void vekGetGuestNetworkStatusHandler(const cJSON *request)
 
 void vekGetNetworkStatusHandler(const cJSON *request)
 {
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     cJSON *answer = NULL;
     if (!queryScript(request, KAPRI_UTIL_SCRIPT " vekGetNetworkStatus result", &answer))
         return;
@@ -454,14 +467,16 @@ void vekGetNetworkStatusHandler(const cJSON *request)
     if (g_support5G)
         addGuestNetworkEntry(guests, "5GHz");
     jsonAddItem(result, "guestNetworks", guests);
-    writeJsonReply(reply);
+    replyResult(reply);
 }
 
 void vekGetClientStatusHandler(const cJSON *request)
 {
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *cmac = jsonGetString(params, "cmac");
     if (cmac == NULL || cmac[0] == '\0')
         cmac = kAllClients;
@@ -480,19 +495,21 @@ void vekGetClientStatusHandler(const cJSON *request)
 
 void vekGetRadioConfigHandler(const cJSON *request)
 {
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *interface = jsonGetString(params, "interface");
     if (interface == NULL || interface[0] == '\0') {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     char *upper = str_to_upper(interface);
     int radio = strcmp(upper, "2.4GHZ") == 0 ? 0 : strcmp(upper, "5GHZ") == 0 ? 1 : -1;
     free_text(upper);
     if (radio < 0) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     char cmd[128];
@@ -505,13 +522,15 @@ void vekGetRadioConfigHandler(const cJSON *request)
 
 void vekGetNetworkConfigHandler(const cJSON *request)
 {
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     int index = jsonGetInt(params, "networkIndex");
     (void)jsonGetString(params, "mac"); /* read, not used */
     if (!isValidNetworkIndex(index)) {
-        sendJsonRpcErrorData(request, JSONRPC_INVALID_PARAMS, kInvalidIndex);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, kInvalidIndex));
         return;
     }
     char cmd[128];

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "client/error_reply.h"
+#include "client/reply.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
 
@@ -64,13 +64,13 @@ void genericCommandHandler(cJSON *request)
 
     if (version == NULL || method == NULL || id == NULL || params == NULL) {
         printf("Invalid JSON command.\n");
-        sendJsonRpcError(request, JSONRPC_INVALID_REQUEST);
+        replyRefusal(request, refusal(JSONRPC_INVALID_REQUEST));
         jsonDelete(request);
         return;
     }
     if (strcmp(version, "2.0") != 0) {
         printf("Invalid JSONRPC version.\n");
-        sendJsonRpcError(request, JSONRPC_INTERNAL_ERROR);
+        replyRefusal(request, refusal(JSONRPC_INTERNAL_ERROR));
         jsonDelete(request);
         return;
     }
@@ -82,6 +82,6 @@ void genericCommandHandler(cJSON *request)
         }
     }
     printf("Command handler not yet implemented for: %s\n", method);
-    sendJsonRpcError(request, JSONRPC_METHOD_NOT_FOUND);
+    replyRefusal(request, refusal(JSONRPC_METHOD_NOT_FOUND));
     jsonDelete(request);
 }

@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/error_reply.h"
+#include "client/reply.h"
 #include "json/json_filter.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
@@ -58,7 +58,7 @@ static void replyWithScriptAnswer(const cJSON *request, const char *cmd,
         if (parsed == NULL) {
             free_text(answer);
             jsonDelete(reply);
-            sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+            replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
             return;
         }
         cJSON *result = json_filter_copy(parsed, topKeys, itemKeys);
@@ -67,7 +67,7 @@ static void replyWithScriptAnswer(const cJSON *request, const char *cmd,
         jsonDelete(parsed);
     }
     free_text(answer);
-    writeJsonReply(reply);
+    replyResult(reply);
 }
 
 /* The LAN mask of the running device. */
@@ -163,14 +163,16 @@ static void setSteeredOption(int bandSteering, const char *section, const char *
 void vekGetClientListHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     int networkIndex = JSON_ABSENT_INT;
     if (jsonGetItem(params, "networkIndex") != NULL) {
         networkIndex = jsonGetInt(params, "networkIndex");
         if (!isValidNetworkIndex(networkIndex)) {
-            sendJsonRpcErrorData(request, JSONRPC_INVALID_PARAMS, "Invalid network index.");
+            replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, "Invalid network index."));
             return;
         }
     }
@@ -184,12 +186,14 @@ void vekGetClientListHandler(const cJSON *request)
 void vekGetGuestNetworkConfigHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *interface = jsonGetString(params, "interface");
     if (interface == NULL || (strcmp(interface, "5GHz") != 0 && strcmp(interface, "2.4GHz") != 0)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     char cmd[128];
@@ -202,9 +206,11 @@ void vekGetGuestNetworkConfigHandler(const cJSON *request)
 void vekSetGuestNetworkConfigHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *interface = jsonGetString(params, "interface");
     const char *ssid = jsonGetString(params, "ssid");
     const char *security = jsonGetString(params, "security");
@@ -219,53 +225,53 @@ void vekSetGuestNetworkConfigHandler(const cJSON *request)
     guest.endingIp = jsonGetString(params, "endingIp");
 
     if (interface == NULL || ssid == NULL || security == NULL) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (!isValidSsid(ssid)) {
-        sendJsonRpcErrorData(request, JSONRPC_INVALID_PARAMS, "Invalid ssid.");
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, "Invalid ssid."));
         return;
     }
     const char *section;
     const char *otherSection;
     if (strcmp(interface, "5GHz") == 0) {
         if (!g_support5G) {
-            sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+            replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
             return;
         }
         if (!isApOpMode(1)) {
-            sendJsonRpcErrorData(request, JSONRPC_INVALID_PARAMS, WLAN_NON_AP_MODE_TEXT);
+            replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, WLAN_NON_AP_MODE_TEXT));
             return;
         }
         section = kGuest5;
         otherSection = kGuest24;
     } else if (strcmp(interface, "2.4GHz") == 0) {
         if (!isApOpMode(0)) {
-            sendJsonRpcErrorData(request, JSONRPC_INVALID_PARAMS, WLAN_NON_AP_MODE_TEXT);
+            replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, WLAN_NON_AP_MODE_TEXT));
             return;
         }
         section = kGuest24;
         otherSection = kGuest5;
     } else {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (isPskSecurityName(security) && password == NULL) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     /* the guest network knows the pre-shared key modes and open only */
     const char *encryption = wifiSecurityUciValue(security);
     if (encryption == NULL || isRadiusEncryption(encryption)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (isPskEncryption(encryption) && !isValidPassphrase(password)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (!checkGuestAddressing(&guest, guestEnabled)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
 
@@ -295,8 +301,7 @@ void vekSetGuestNetworkConfigHandler(const cJSON *request)
     if (guest.endingIp != NULL)
         uci_set("dhcp.guest.dhcp_stop_addr", guest.endingIp);
 
-    cJSON *result = NULL;
-    writeJsonReply(initDeviceResult(request, &result));
+    replyDeviceId(request);
     cloud_action_apply();
     KC_DEBUG("=== END ===\n");
 }

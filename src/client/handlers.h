@@ -15,10 +15,6 @@ extern const char *g_deviceMac;
 /* Checks the envelope, runs the handler, deletes the request. */
 void genericCommandHandler(cJSON *request);
 
-/* "params" when it holds "deviceId"; otherwise queues -32602 and gives NULL. */
-const cJSON *requireDeviceParams(const cJSON *request);
-/* {"jsonrpc","id","result":{"deviceId":MAC}}; result object via *result. */
-cJSON *initDeviceResult(const cJSON *request, cJSON **result);
 
 /* ---- identity and LAN settings (settings.cpp) ---- */
 

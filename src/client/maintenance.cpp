@@ -19,7 +19,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "client/error_reply.h"
+#include "client/reply.h"
 #include "client/events.h"
 #include "client/log_capture.h"
 #include "json/envelope.h"
@@ -33,13 +33,6 @@
 #include "util/uci.h"
 
 /* ---- helpers ---- */
-
-/* Queues {"jsonrpc","id","result":{"deviceId":MAC}}. */
-static void replyDeviceId(const cJSON *request)
-{
-    cJSON *result = NULL;
-    writeJsonReply(initDeviceResult(request, &result));
-}
 
 /*
  * The request "id" as the log stream keeps it: a string as it is, a number
@@ -64,8 +57,10 @@ static std::string streamIdText(const cJSON *request)
 void dxResetDeviceHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     replyDeviceId(request);
     reboot_with_backup();
     KC_DEBUG("=== END ===\n");
@@ -74,14 +69,16 @@ void dxResetDeviceHandler(const cJSON *request)
 void dxUpdateFirmwareHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *url = jsonGetString(params, "url");
     /* a control character (newline, tab, ...) would end or split the
      * firmware command line: such a URL is refused like a missing one */
     if (!fw_url_acceptable(url)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     int saveAndRestore = jsonGetInt(params, "saveAndRestore");
@@ -110,7 +107,7 @@ void dxStreamSystemLogsHandler(const cJSON *request)
     }
     /* streaming is switched whatever the parameters say */
     if (deviceId == NULL) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     setLogStreamId(streamIdText(request).c_str());
@@ -120,14 +117,16 @@ void dxStreamSystemLogsHandler(const cJSON *request)
 void dxSetLoggingModeHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *mode = jsonGetString(params, "mode");
     int production = mode != NULL && strcmp(mode, "PRODUCTION") == 0;
     int debug = mode != NULL && strcmp(mode, "DEBUG") == 0;
     if (!production && !debug) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     uci_set("korvatCloud.korvatCloud.syslog_mode", mode);
@@ -142,24 +141,28 @@ void dxSetLoggingModeHandler(const cJSON *request)
 void dxGetStatusUpdateFrequencyHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     jsonAddInt(result, "frequency", uci_get_int("korvatCloud.korvatCloud.auto_update"));
-    writeJsonReply(reply);
+    replyResult(reply);
     KC_DEBUG("=== END ===\n");
 }
 
 void dxSetStatusUpdateFrequencyHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     int frequency = jsonGetInt(params, "frequency");
     if (frequency <= 0) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     replyDeviceId(request);
@@ -171,13 +174,15 @@ void dxSetStatusUpdateFrequencyHandler(const cJSON *request)
 void dxSetCloudServerUrlHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *url = jsonGetString(params, "url");
     int port = jsonGetInt(params, "port");
     if (url == NULL || port < 1 || port > 65535) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     replyDeviceId(request);

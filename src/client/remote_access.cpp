@@ -20,7 +20,7 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "client/error_reply.h"
+#include "client/reply.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
@@ -75,13 +75,15 @@ static void recordOpenAccess(int externalPort)
 void dxKorvatUpdateEnableRemoteWebUiAccessHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const cJSON *protocol = jsonGetItem(params, "protocol");
     if (protocol != NULL &&
         !(cJSON_IsString(protocol) && strcmp(protocol->valuestring, "http") == 0)) {
-        sendJsonRpcError(request, KC_ERROR_PROTOCOL_UNSUPPORTED);
+        replyRefusal(request, refusal(KC_ERROR_PROTOCOL_UNSUPPORTED));
         return;
     }
     s_enableInProgress = 1;
@@ -98,8 +100,8 @@ void dxKorvatUpdateEnableRemoteWebUiAccessHandler(const cJSON *request)
     int externalPort = 0;
     int added = addPortForwarding(webPort, timeout, externalIp, &externalPort);
     if (added != 0) {
-        sendJsonRpcError(request, added == -1 ? KC_ERROR_NOT_UPNP_ROUTER
-                                              : KC_ERROR_ROUTER_REFUSED);
+        replyRefusal(request, refusal(added == -1 ? KC_ERROR_NOT_UPNP_ROUTER
+                                              : KC_ERROR_ROUTER_REFUSED));
         s_enableInProgress = 0;
         return;
     }
@@ -110,11 +112,11 @@ void dxKorvatUpdateEnableRemoteWebUiAccessHandler(const cJSON *request)
 
     /* the reply leaves before the device is updated */
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     jsonAddString(result, "protocol", "http");
     jsonAddString(result, "ipAddress", externalIp);
     jsonAddString(result, "port", externalPortText);
-    writeJsonReply(reply);
+    replyResult(reply);
 
     closePreviousForwarding();
     recordOpenAccess(externalPort);
@@ -129,15 +131,14 @@ void dxUpdateDisableRemoteWebUiAccessHandler(const cJSON *request)
     const char *port = jsonGetString(params, "port");
     if (jsonGetItem(params, "deviceId") == NULL || jsonGetString(params, "ipAddress") == NULL ||
         port == NULL) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     /* the result is not looked at; the address is not compared */
     deletePortForwarding(atoi(port));
     uci_set("upnpc.http.enable", "0");
     run_system_command("uci commit upnpc.http.enable");
-    cJSON *result = NULL;
-    writeJsonReply(initDeviceResult(request, &result));
+    replyDeviceId(request);
     KC_DEBUG("=== END ===\n");
 }
 

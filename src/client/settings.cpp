@@ -18,7 +18,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "client/error_reply.h"
+#include "client/reply.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
@@ -246,29 +246,33 @@ static void addOwnedText(cJSON *object, const char *name, char *text)
 void dxGetAboutHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     jsonAddString(result, "macAddress", g_deviceMac);
     addOwnedText(result, "firmware", get_firmware_version(3));
     addOwnedText(result, "model", get_model_name());
     addOwnedText(result, "serviceTag", run_shell_command("sntool | tr -d '\\n'", 100));
     addOwnedText(result, "lanAddress", get_lan_ip_address());
-    writeJsonReply(reply);
+    replyResult(reply);
     KC_DEBUG("=== END ===\n");
 }
 
 void dxGetNetworkSettingsHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     NetworkSettings *settings = &s_networkSettings;
     if (read_network_settings(settings) != 0)
         return;
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     jsonAddString(result, "deviceName", settings->deviceName);
     jsonAddString(result, "deviceIpAddress", settings->ipAddress);
     jsonAddString(result, "deviceSubnetMask", settings->subnetMask);
@@ -277,16 +281,18 @@ void dxGetNetworkSettingsHandler(const cJSON *request)
     jsonAddString(result, "dnsServer1", settings->dnsServer1);
     if (settings->dnsServer2[0] != '\0')
         jsonAddString(result, "dnsServer2", settings->dnsServer2);
-    writeJsonReply(reply);
+    replyResult(reply);
     KC_DEBUG("=== END ===\n");
 }
 
 void dxSetNetworkSettingsHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     const char *name = jsonGetString(params, "deviceName");
     const char *address = jsonGetString(params, "deviceIpAddress");
     const char *mask = jsonGetString(params, "deviceSubnetMask");
@@ -296,7 +302,7 @@ void dxSetNetworkSettingsHandler(const cJSON *request)
     int dhcp = jsonGetInt(params, "dhcpEnabled") != 0 ? 1 : 0;
 
     if (!dhcp && (address == NULL || mask == NULL || gateway == NULL || dns1 == NULL)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     NetworkSettings *settings = &s_networkSettings;
@@ -314,11 +320,11 @@ void dxSetNetworkSettingsHandler(const cJSON *request)
         copyField(settings->defaultGateway, sizeof settings->defaultGateway, gateway);
     if (!bothIpInSameNetwork(settings->ipAddress, settings->defaultGateway,
                              settings->subnetMask)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (collidesWithGuestRange(settings)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (dns1 != NULL)
@@ -328,19 +334,19 @@ void dxSetNetworkSettingsHandler(const cJSON *request)
     settings->dhcpEnabled = dhcp;
     settings->autoResolver = dhcp;
     if (write_network_settings(settings) != 0) {
-        sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
+        replyRefusal(request, refusal(KC_ERROR_DEVICE_STATE));
         return;
     }
 
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     /* the sending thread clears the slot once this very reply is out */
     setPendingAckReply(reply);
-    writeJsonReply(reply);
+    replyResult(reply);
     int waited = waitForPendingReply(reply);
     if (waited < 0) {
         KC_DEBUG("dxSetNetworkSettingsHandler: reply ack message timeout!\n");
-        sendJsonRpcError(request, KC_ERROR_DEVICE_STATE);
+        replyRefusal(request, refusal(KC_ERROR_DEVICE_STATE));
         return;
     }
     KC_DEBUG("dxSetNetworkSettingsHandler: reply ack is sent after waiting %d seconds in "

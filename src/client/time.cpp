@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/error_reply.h"
+#include "client/reply.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
@@ -64,10 +64,12 @@ static int daylightSavingsSwitch(const char *word)
 void dxGetTimeSettingsHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    if (requireDeviceParams(request) == NULL)
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     cJSON *result = NULL;
-    cJSON *reply = initDeviceResult(request, &result);
+    cJSON *reply = deviceResult(request, &result);
     /* a zone code that no row of the table begins with has no offset */
     char *offset = get_timezone_offset();
     jsonAddString(result, "timeZone", offset != NULL ? offset : "");
@@ -78,22 +80,24 @@ void dxGetTimeSettingsHandler(const cJSON *request)
     /* a missing option reads -1: enabled */
     jsonAddString(result, "daylightSavings",
                   uci_get_int(kDaylightEnable) != 0 ? "enabled" : "disabled");
-    writeJsonReply(reply);
+    replyResult(reply);
     KC_DEBUG("=== END ===\n");
 }
 
 void dxSetTimeSettingsHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     /* "currentTime" may come along: the device keeps its own clock */
     const char *zone = NULL;
     const char *daylight = NULL;
     if (!optionalText(params, "timeZone", &zone) ||
         !optionalText(params, "daylightSavings", &daylight)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
 
@@ -102,7 +106,7 @@ void dxSetTimeSettingsHandler(const cJSON *request)
     if (daylight != NULL) {
         daylightOn = daylightSavingsSwitch(daylight);
         if (daylightOn < 0) {
-            sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+            replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
             return;
         }
     }
@@ -110,7 +114,7 @@ void dxSetTimeSettingsHandler(const cJSON *request)
     if (zone != NULL) {
         code = find_timezone_code(zone);
         if (code == NULL) {
-            sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+            replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
             return;
         }
     }
@@ -121,8 +125,7 @@ void dxSetTimeSettingsHandler(const cJSON *request)
     if (daylightOn >= 0)
         uci_set_int(kDaylightEnable, daylightOn);
 
-    cJSON *result = NULL;
-    writeJsonReply(initDeviceResult(request, &result));
+    replyDeviceId(request);
     /* the reply is queued; the apply step does not wait for it to leave */
     cloud_action_apply();
     KC_DEBUG("=== END ===\n");

@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client/error_reply.h"
+#include "client/reply.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
@@ -147,7 +147,7 @@ static int writeVlan(const char *section, int enabled, int vlanId)
 /* The request's "data" text of a refused add or delete. */
 static void refuse(const cJSON *request, const char *text)
 {
-    sendJsonRpcErrorData(request, JSONRPC_INVALID_PARAMS, text);
+    replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, text));
 }
 
 /* The checks of a networkIndex request, in their order: a valid index,
@@ -163,12 +163,6 @@ static int refuseIndexOrMode(const cJSON *request, int networkIndex)
         return 1;
     }
     return 0;
-}
-
-static void sendSuccess(const cJSON *request)
-{
-    cJSON *result = NULL;
-    writeJsonReply(initDeviceResult(request, &result));
 }
 
 /* "%s rm_wifi_config %s": the script drops the interface's section. */
@@ -199,9 +193,11 @@ static void writeNewNetwork(const char *section, const NetworkChange *change)
 void vekSetNetworkConfigHandler(const cJSON *request)
 {
     KC_DEBUG("=== START ===\n");
-    const cJSON *params = requireDeviceParams(request);
-    if (params == NULL)
+    const cJSON *params = deviceParams(request);
+    if (params == NULL) {
+        replyRefusal(request, missingDeviceId());
         return;
+    }
     int networkIndex = jsonGetInt(params, "networkIndex");
     const char *security = jsonGetString(params, "security");
     NetworkChange change;
@@ -216,7 +212,7 @@ void vekSetNetworkConfigHandler(const cJSON *request)
     int vlanId = jsonGetIntOrAbsent(params, "vlanId");
 
     if (change.ssid == NULL || security == NULL) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (!isValidSsid(change.ssid)) {
@@ -224,26 +220,26 @@ void vekSetNetworkConfigHandler(const cJSON *request)
         return;
     }
     if (isPskSecurityName(security) && change.password == NULL) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (isRadiusSecurityName(security) &&
         checkRadiusSettings(change.radiusServer, change.radiusSecret, change.radiusPort) !=
             RADIUS_OK) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (vlanId != JSON_ABSENT_INT && (vlanId < 1 || vlanId > 4094)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     change.encryption = wifiSecurityUciValue(security);
     if (change.encryption == NULL) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (isPskEncryption(change.encryption) && !isValidPassphrase(change.password)) {
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     if (refuseIndexOrMode(request, networkIndex))
@@ -254,7 +250,7 @@ void vekSetNetworkConfigHandler(const cJSON *request)
     char *profile = readNetworkProfile();
     if (strstr(profile, section) == NULL) {
         free_text(profile);
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
 
@@ -265,7 +261,7 @@ void vekSetNetworkConfigHandler(const cJSON *request)
     KC_DEBUG("radio_idx = %d\n", radio);
     if (writeEnableFlag(radio, section, change.enabled) < 0) {
         free_text(profile);
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     char *brother = getBrotherIndex(section, profile);
@@ -273,7 +269,7 @@ void vekSetNetworkConfigHandler(const cJSON *request)
     KC_DEBUG("p_brother_idx = %s\n", brother != NULL ? brother : "(null)");
     if (brother != NULL && writeEnableFlag((radio + 1) % 2, brother, change.enabled) < 0) {
         free_text(brother);
-        sendJsonRpcError(request, JSONRPC_INVALID_PARAMS);
+        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
     setTracedOption(section, "hidden", change.broadcastEnabled ? "0" : "1");
@@ -291,7 +287,7 @@ void vekSetNetworkConfigHandler(const cJSON *request)
     }
     if (!vlanUnchanged)
         runSetVlan();
-    sendSuccess(request);
+    replyDeviceId(request);
     cloud_action_apply();
     KC_DEBUG("=== END ===\n");
 }
@@ -414,7 +410,7 @@ void vekAddNetworkHandler(const cJSON *request)
         return;
     }
 
-    sendSuccess(request);
+    replyDeviceId(request);
     addNetworkProfile(mode, slot0, slot1);
     /* a free slot 0 is listed but gets no options: only slots above 0 do */
     char section[32];
@@ -459,7 +455,7 @@ void vekDeleteNetworkHandler(const cJSON *request)
     free_text(profile);
     KC_DEBUG("p_brother_idx = %s\n", brother != NULL ? brother : "(null)");
 
-    sendSuccess(request);
+    replyDeviceId(request);
     removeNetwork(section);
     runRemoveWifiConfig(section);
     if (brother != NULL) {

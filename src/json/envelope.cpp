@@ -42,7 +42,7 @@ const char *jsonRpcErrorMessage(int code)
     }
 }
 
-cJSON *jsonRpcErrorReply(const cJSON *request, int code, const char *data)
+cJSON *jsonRpcErrorReply(const cJSON *request, JsonRpcErrorCode code, const char *data)
 {
     cJSON *reply = initJsonRpcObject();
     addJsonRpcId(request, reply, "id");

@@ -13,7 +13,8 @@
 
 /* Every error code the agent answers with (the message of each is fixed,
  * see jsonRpcErrorMessage). */
-enum JsonRpcErrorCode {
+enum JsonRpcErrorCode : int {
+    JSONRPC_NO_ERROR = 0,               /* nothing refused (never sent) */
     JSONRPC_PARSE_ERROR = -32700,       /* in the table; no path sends it */
     JSONRPC_INVALID_REQUEST = -32600,   /* an envelope member is missing */
     JSONRPC_METHOD_NOT_FOUND = -32601,  /* no handler for the method */
@@ -34,6 +35,6 @@ void addJsonRpcId(const cJSON *request, cJSON *reply, const char *key);
 const char *jsonRpcErrorMessage(int code);
 /* {"jsonrpc":"2.0","id":<request's>,"error":{"code","message","data"}}
  * (data NULL reads as ""). */
-cJSON *jsonRpcErrorReply(const cJSON *request, int code, const char *data);
+cJSON *jsonRpcErrorReply(const cJSON *request, JsonRpcErrorCode code, const char *data);
 
 #endif

@@ -7,7 +7,8 @@
 
 #include "json/envelope.h"
 #include "json/accessors.h"
-#include "client/error_reply.h"
+#include "client/handlers.h"
+#include "client/reply.h"
 #include "test_support.h"
 
 using namespace kctest;
@@ -30,7 +31,7 @@ std::string errorReplyFor(const char *request, int code)
 {
     drainReplies();
     Parsed r(request);
-    sendJsonRpcError(r.tree, code);
+    replyRefusal(r.tree, refusal(static_cast<JsonRpcErrorCode>(code)));
     return only(drainReplies());
 }
 
@@ -92,8 +93,8 @@ TEST(JsonRpcEnvelope, LongFormPutsTheTextUnderData)
 {
     drainReplies();
     Parsed r("{\"jsonrpc\":\"2.0\",\"id\":\"12\",\"method\":\"vekGetStatus\",\"params\":{}}");
-    sendJsonRpcErrorData(r.tree, -32602,
-                         "This method is not supported in Non-AP operation mode.");
+    replyRefusal(r.tree, refusal(JSONRPC_INVALID_PARAMS,
+                                 "This method is not supported in Non-AP operation mode."));
     EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":\"12\",\"error\":{\"code\":-32602,"
               "\"message\":\"Invalid method parameter\","
               "\"data\":\"This method is not supported in Non-AP operation mode.\"}}",
@@ -104,7 +105,7 @@ TEST(JsonRpcEnvelope, RequestIsLeftToTheCaller)
 {
     drainReplies();
     Parsed r("{\"id\":\"3\",\"params\":{\"deviceId\":\"x\"}}");
-    sendJsonRpcError(r.tree, -32602);
+    replyRefusal(r.tree, refusal(JSONRPC_INVALID_PARAMS));
     drainReplies();
     char *text = cJSON_PrintUnformatted(r.tree);
     EXPECT_STREQ("{\"id\":\"3\",\"params\":{\"deviceId\":\"x\"}}", text);
@@ -167,4 +168,27 @@ TEST(JsonAccessors, BuildersKeepInsertionOrder)
                  text);
     jsonFreeText(text);
     jsonDelete(o);
+}
+
+TEST(Refusals, AreValuesUntilTheHandlerReplies)
+{
+    drainReplies();
+    Refusal none = accepted();
+    EXPECT_FALSE(isRefused(none));
+    Refusal why = refusal(KC_ERROR_DEVICE_STATE, "could not");
+    EXPECT_TRUE(isRefused(why));
+    EXPECT_EQ(KC_ERROR_DEVICE_STATE, why.code);
+    EXPECT_STREQ("could not", why.data);
+    EXPECT_STREQ("", refusal(JSONRPC_INVALID_PARAMS).data);
+    EXPECT_STREQ("", refusal(JSONRPC_INVALID_PARAMS, nullptr).data);
+    EXPECT_TRUE(drainReplies().empty()); // nothing was sent
+    Parsed with("{\"id\":\"4\",\"params\":{\"deviceId\":\"x\"}}");
+    Parsed without("{\"id\":\"5\",\"params\":{\"deviceID2\":\"x\"}}");
+    EXPECT_NE(nullptr, deviceParams(with.tree));
+    EXPECT_EQ(nullptr, deviceParams(without.tree));
+    EXPECT_EQ(JSONRPC_INVALID_PARAMS, missingDeviceId().code);
+    replyDeviceId(with.tree);
+    EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":\"4\",\"result\":{\"deviceId\":\"" +
+                  std::string(g_deviceMac) + "\"}}",
+              only(drainReplies()));
 }
