@@ -19,8 +19,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 import tlscert  # noqa: E402
 
-from .wire import (OP_PING, OP_PONG, SUBPROTOCOL, Connection,  # noqa: E402,F401
-                   FrameLog, Hooks, Link)
+from .wire import (OP_PING, OP_PONG, Connection, FrameLog, Hooks, Link)  # noqa: E402
 
 DEFAULT_PING_INTERVAL = 20.0
 
@@ -575,7 +574,11 @@ class DeviceServer(Hooks):
             parsed = None
         if isinstance(parsed, dict) and isinstance(parsed.get("method"), str) \
                 and "id" in parsed:
-            self._sent_methods[json.dumps(parsed["id"])] = parsed["method"]
+            key = json.dumps(parsed["id"])
+            self._sent_methods.pop(key, None)         # the latest request of an id last
+            self._sent_methods[key] = parsed["method"]
+            while len(self._sent_methods) > 10000:    # a long run keeps the recent ones
+                del self._sent_methods[next(iter(self._sent_methods))]
         self._notify("on_sent", conn, data, parsed)
 
     async def _send(self, data, conn):
