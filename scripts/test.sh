@@ -139,7 +139,7 @@ if [ "$skip_tsan" != 1 ]; then
     wait_build tsan
     # The suites where threads meet: connection, framing, queues,
     # reconnection, SIGTERM; a ThreadSanitizer report fails the test.
-    run_ctest build-tsan -R '^e2e\.(startup|framing|handshake|tls|queueing|backoff|dispatch|host_safety)$'
+    run_ctest build-tsan -L '^threads$'
 fi
 
 if [ -n "$fuzz_pid" ]; then
