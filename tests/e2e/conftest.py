@@ -285,6 +285,14 @@ def start_agent(device, request):
         return agent
 
     yield start
+    stop_agents(device, started, request)
+
+
+def stop_agents(device, started, request):
+    """The teardown of a fixture that started agents in the device: stops
+    the device's processes and gathers each agent's last lines; when the
+    test failed, prints the end of each agent's output; fails on a
+    sanitizer report of an agent that was not expected to abort."""
     call = getattr(request.node, "report_call", None)
     failed = call is not None and call.failed
     for n, agent in enumerate(started):
@@ -307,7 +315,25 @@ def device_server(device, **kw):
     asked: the wire stays exactly what the test sends."""
     kw.setdefault("ping_interval", None)
     kw.setdefault("timeout_scale", TIMEOUT_SCALE)
-    return DeviceServer(host=device.net.gateway_ip, netns=device.net.gateway_ns, **kw)
+    # every message the agent sends is checked against docs/openrpc.json
+    kw.setdefault("validate", True)
+    srv = DeviceServer(host=device.net.gateway_ip, netns=device.net.gateway_ns, **kw)
+    _servers_made.append(srv)
+    return srv
+
+
+_servers_made = []
+
+
+@pytest.fixture(autouse=True)
+def conforms_to_the_protocol_document():
+    """After each test: what the agent sent to any device server of the test
+    conformed to docs/openrpc.json."""
+    del _servers_made[:]
+    yield
+    bad = [v for srv in _servers_made for v in srv.violations]
+    assert not bad, "replies or notifications that differ from docs/openrpc.json:\n" + \
+        "\n".join("%s\n    %s" % (raw[:300], "\n    ".join(p)) for raw, p in bad[:10])
 
 
 @pytest.fixture
@@ -340,11 +366,30 @@ def peer(device):
 
 
 @pytest.fixture
-def connected(server, start_agent):
-    """An agent connected to the device server: (agent, server)."""
-    agent = start_agent(server.url)
+def connected(server, start_agent, request):
+    """An agent connected to the device server: (agent, server).  A test
+    module whose agent needs an environment of its own (a time zone) sets
+    AGENT_ENV."""
+    agent = start_agent(server.url, env=getattr(request.module, "AGENT_ENV", None))
     server.wait_for_connection(timeout=15)
     return agent, server
+
+
+@pytest.fixture
+def connected_with_radios_known(connected):
+    """`connected`, once the timer has read which radios the device has
+    (wait_radios_known)."""
+    wait_radios_known(connected[0])
+    return connected
+
+
+@pytest.fixture
+def connected_after_start_up(device, connected):
+    """`connected`, once the agent's start-up commands are over
+    (wait_start_up_commands), with the journal cleared."""
+    wait_start_up_commands(device)
+    device.clear_journal()
+    return connected
 
 
 # ---- helpers shared by the suites ------------------------------------------
@@ -424,11 +469,8 @@ def timer_barrier(device, server, timeout=30.0):
     for _ in range(2):
         number = next(_barriers)
         text = "timer barrier %d" % number
-        device.write_file("/tmp/cEvtLog.barrier",
-                          "number:%d dateTime:2026-11-15T10:00:00+0100 type:INFO event:%s\n"
-                          % (number, text))
-        r = device.sh("mv /tmp/cEvtLog.barrier /tmp/cEvtLog")
-        assert r.returncode == 0, r.stderr
+        put_event_file(device, "number:%d dateTime:2026-11-15T10:00:00+0100 type:INFO event:%s\n"
+                       % (number, text))
         server.next_message(timeout, method="dsEventNotifications",
                             predicate=lambda m: m.data["params"]["events"][-1]["event"] == text)
         # the timer empties the file after handing the notification over
@@ -447,3 +489,125 @@ def wait_for(condition, timeout=30.0, interval=0.05):
         if deadline.passed():
             return condition()
         time.sleep(min(interval, deadline.left()) or interval)
+
+
+# ---- what the suites wait for and look at ----------------------------------
+
+# The agent's time zone in suites whose checks read its local times.
+CET = {"TZ": "CET-1"}
+
+# The reply that refuses a request's parameters, with its "data".
+INVALID_PARAMETER = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
+                     '"message":"Invalid method parameter","data":%s}}')
+
+
+def invalid_parameter_reply(id_, data=""):
+    """The exact text of the refusal of request id_'s parameters."""
+    return INVALID_PARAMETER % (id_, json.dumps(data))
+
+
+def without(params, *names):
+    """params without the members named."""
+    return {k: v for k, v in params.items() if k not in names}
+
+
+def wait_radios_known(agent, timeout=15):
+    """Waits until the timer has read which radios the device has (requests
+    on radio 1 depend on them): the timer runs, and its line "===
+    support2G=N, support5G=N" is out.  Returns that line."""
+    agent.timer_tid()
+    line = agent.out.wait_for(re.compile(r"=== support2G=\d, support5G=\d"), timeout=timeout)
+    return agent.out.lines[line]
+
+
+# What the agent reads first at start: the timer and the status thread.
+START_UP_READS = ("uci get korvatCloud.korvatCloud.beta_mode",
+                  "uci get korvatCloud.korvatCloud.auto_update")
+
+
+def wait_start_up_commands(device):
+    """Waits until the agent's start-up commands are over: its first reads
+    (START_UP_READS), then two ticks of the timer (wait_ticks), so that none
+    of them lands in a journal the test looks at afterwards."""
+    for line in START_UP_READS:
+        assert device.wait_journal(line, 20), "the agent never ran %r" % line
+    wait_ticks(device, 2)
+
+
+# The receive queue's debug line once a request is in it.
+REQUEST_QUEUED = r"queueWriter\]\[LINE 573\]: produceObject: end$"
+
+
+def wait_request_queued(agent, id_, timeout=20):
+    """Waits until the agent has put the request with this id into its
+    receive queue (its frame dump, then the queue's debug line)."""
+    i = agent.out.wait_for(re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % re.escape(id_)),
+                           timeout)
+    agent.out.wait_for(re.compile(REQUEST_QUEUED), timeout, start=i)
+
+
+def wait_file_exists(device, path, timeout=20):
+    """Waits until path exists in the device; whether it does."""
+    return wait_for(lambda: device.exists(path), timeout)
+
+
+def wait_uci_committed(device, path, value, timeout=10):
+    """Waits until the committed value of path is value; returns the
+    committed value (another one on time-out, for the test's assertion)."""
+    wait_for(lambda: device.uci_committed(path) == value, timeout)
+    return device.uci_committed(path)
+
+
+def journal_lines(device, *prefixes):
+    """The device's journal lines that start with one of prefixes, oldest
+    first."""
+    return [line for line in device.journal() if line.startswith(prefixes)]
+
+
+def uci_set_lines(device):
+    """The "uci set" commands of the journal, in order."""
+    return journal_lines(device, "uci set ")
+
+
+def uci_write_lines(device):
+    """The "uci set" and "uci commit" commands of the journal, in order."""
+    return journal_lines(device, "uci set", "uci commit")
+
+
+def script_call_lines(device, sub=""):
+    """The utility script's calls in the journal, in order: all of them, or
+    those of the sub-command sub."""
+    return journal_lines(device, "kapri_util.lua " + sub)
+
+
+def agent_sleeps(device):
+    """The seconds of every sleep() the agent asked for, in order (the
+    sleep shim's record: the agent started with fastsleep)."""
+    text = device.read_file("/tmp/fastsleep.log") or ""
+    return [int(line.split()[1]) for line in text.splitlines() if line.startswith("sleep ")]
+
+
+def put_event_file(device, text):
+    """Replaces /tmp/cEvtLog at once (written aside, then moved in), so the
+    agent never reads half of it."""
+    device.write_file("/tmp/cEvtLog.new", text)
+    r = device.sh("mv /tmp/cEvtLog.new /tmp/cEvtLog")
+    assert r.returncode == 0, r.stderr
+
+
+def set_conn_retry(device, value):
+    """Sets the connection retry interval ("conn_retry", committed); None
+    deletes it."""
+    if value is None:
+        device.uci_ok("delete", "korvatCloud.korvatCloud.conn_retry")
+    else:
+        device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=%s" % value)
+    device.uci_ok("commit", "korvatCloud")
+
+
+def pair_network_one(device):
+    """Network 1 paired on both radios: w0_index1:w1_index1 (committed)."""
+    device.uci_ok("set", "wireless.wifi0.network_profile=w0_index0:w1_index0,w0_index1:w1_index1")
+    device.uci_ok("set", "wireless.wifi1.wlanlist=0,1")
+    device.uci_ok("set", "wireless.wifi1.enlist=1,0")
+    device.uci_ok("commit", "wireless")
