@@ -55,6 +55,10 @@ PATH = "%s/bin:/usr/sbin:/usr/bin:/sbin:/bin" % SIM_MOUNT
 HOST_ETC = ["passwd", "group", "hosts", "nsswitch.conf", "ld.so.cache",
             "ld.so.conf", "ld.so.conf.d", "localtime", "services",
             "protocols", "host.conf", "ssl", "alternatives"]
+# Of those, the large directories that a run directory made with
+# shared_etc=True does not copy: the sandbox binds the host's read-only
+# over an empty directory of the run (many devices share one copy).
+SHARED_ETC = ("ssl", "alternatives")
 
 SYSLOG = ("Nov 15 23:12:20 VK310 kern.notice kernel: [    0.000000] Linux "
           "version 3.3.8 (build@korvat) #1 Mon Nov 15 10:00:00 2026\n"
@@ -154,12 +158,14 @@ def control_dir(run):
     return os.path.abspath(run).rstrip("/") + ".ctl"
 
 
-def create_run_dir(path=None, template=TEMPLATE):
+def create_run_dir(path=None, template=TEMPLATE, shared_etc=False):
     """Make a fresh run directory (a new temporary one when path is None)
     holding the device's etc/, tmp/, mnt/, flash/, sim/ (overrides),
     journal.log, syslog.log and proc_printk, and its control directory.
     A directory that was set up before is left as it is: the device may
-    have written anything into it since.  Returns its path."""
+    have written anything into it since.  Returns its path.
+    shared_etc: the directories of SHARED_ETC are left empty, for the
+    host's to be bound over them (Device(shared_etc=True))."""
     if path is None:
         path = tempfile.mkdtemp(prefix="simdevice-")
     path = os.path.abspath(path)
@@ -175,6 +181,9 @@ def create_run_dir(path=None, template=TEMPLATE):
     for name in HOST_ETC:
         src, dst = os.path.join("/etc", name), os.path.join(etc, name)
         if not os.path.lexists(src):
+            continue
+        if shared_etc and name in SHARED_ETC and os.path.isdir(src):
+            os.mkdir(dst)
             continue
         if os.path.islink(src):
             os.symlink(os.readlink(src), dst)
@@ -315,10 +324,107 @@ def _tool_names():
                   if n != "sim-service")
 
 
+def usr_entries(d, shell="busybox"):
+    """(name, link target) of every entry of the device's /usr/<d> (bin
+    or sbin): the host's programs, the device tools over them and, with
+    the BusyBox shell, sh."""
+    tools = _tool_names()
+    skip = set(tools) | {"korvat-cloud"}
+    if shell == "busybox":
+        skip.add("sh")
+    out = [(name, "%s/%s/%s" % (HOST_USR, d, name))
+           for name in sorted(os.listdir("/usr/" + d)) if name not in skip]
+    out += [(name, "%s/bin/%s" % (SIM_MOUNT, name)) for name in tools]
+    if d == "bin" and shell == "busybox":
+        out.append(("sh", "%s/busybox/sh" % SIM_MOUNT))
+    return out
+
+
+USR_LINKS_INFO = "usr-links.json"
+
+
+def make_usr_links(dest, shell="busybox", front=False):
+    """Makes at dest (a new directory) the link tree of the devices'
+    /usr/bin and /usr/sbin (dest/bin, dest/sbin) that sandboxes started
+    with usr_links=dest bind read-only, instead of a tmpfs of about 1,600
+    links each: the same links, and an empty file where the agent binary
+    is bound.  Owned by the caller (root), so no device can change it.
+    Made for one shell (see sandbox_args) and for the host programs and
+    device tools there are now: make it again when they change.
+    front: also build the tools' front end once into it (bin/.toolfront,
+    see use_shared_front), when this machine builds one at all."""
+    os.makedirs(dest, mode=0o755)
+    for d in ("bin", "sbin"):
+        os.mkdir(os.path.join(dest, d), 0o755)
+        for name, target in usr_entries(d, shell):
+            os.symlink(target, os.path.join(dest, d, name))
+    # the mount point of the agent (an empty file: nothing to run)
+    with open(os.path.join(dest, "bin", "korvat-cloud"), "x"):
+        pass
+    if front:
+        build_front(os.path.join(dest, "bin", SHARED_FRONT))
+    with open(os.path.join(dest, USR_LINKS_INFO), "x") as f:
+        json.dump({"shell": shell}, f)
+    return dest
+
+
+def read_usr_links(path):
+    with open(os.path.join(path, USR_LINKS_INFO)) as f:
+        return json.load(f)
+
+
+TOOLFRONT_SRC = os.path.join(SIM_DIR, "lib", "toolfront.c")
+SHARED_FRONT = ".toolfront"     # in the bin/ of a link tree that has one
+
+
+def build_front(dest):
+    """Builds the tools' front end (sim/lib/toolfront.c) at dest on the
+    host, as sim/lib/toolfront.sh builds it inside a device (same flags,
+    same source key: size, mtime and inode of the source, which the
+    device sees through its read-only bind).  True when it was built; on
+    a machine where toolfront.sh would build none (not x86_64, no cc), or
+    when the build fails, False and nothing at dest."""
+    import platform
+    cc = shutil.which("cc")
+    if platform.machine() != "x86_64" or cc is None:
+        return False
+    st = os.stat(TOOLFRONT_SRC)
+    key = "%d:%d:%d" % (st.st_size, int(st.st_mtime), st.st_ino)
+    tmp = "%s.%d" % (dest, os.getpid())
+    r = subprocess.run([cc, "-O0", "-static", "-nostdlib", "-fno-pie", "-no-pie",
+                        "-fno-stack-protector", "-fno-tree-loop-distribute-patterns",
+                        "-fno-asynchronous-unwind-tables",
+                        '-DSOURCE_KEY="%s"' % key, "-o", tmp, TOOLFRONT_SRC],
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    if r.returncode != 0:
+        try:
+            os.unlink(tmp)
+        except FileNotFoundError:
+            pass
+        return False
+    os.chmod(tmp, 0o755)
+    os.replace(tmp, dest)
+    return True
+
+
+def use_shared_front(run, usr_links):
+    """Makes a run directory that no device has run in yet use the front
+    end of the link tree (make_usr_links(front=True)) instead of building
+    its own at its first tool call: RUN/.simtools/front becomes a link to
+    it.  False (nothing done) when the tree has none."""
+    if not os.path.exists(os.path.join(usr_links, "bin", SHARED_FRONT)):
+        return False
+    tools = os.path.join(run, ".simtools")
+    os.makedirs(tools, exist_ok=True)
+    os.symlink("/usr/bin/" + SHARED_FRONT, os.path.join(tools, "front"))
+    give_run_dir(run)
+    return True
+
+
 def sandbox_args(run, cmd, agent=None, env=None, binds=(),
                  preload=(), hostname="VK310", info_fd=None, cwd="/",
                  shell="busybox", proc_stat=False, stdout_to_syslog=False,
-                 *, sources):
+                 shared_etc=False, usr_links=None, *, sources):
     """bwrap arguments that run `cmd` as the simulated device of `run`.
     /bin/sh is BusyBox ash as on the device (shell="host": the host's).
     The network namespace is the caller's: bwrap_command joins the run's
@@ -326,7 +432,11 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
     `sources` (MountSources), whose launcher must start these arguments.
     proc_stat: RUN/proc_stat is the device's /proc/stat.
     stdout_to_syslog: cmd's output lines also go to the system log, as
-    procd's `stdout 1` / `stderr 1` do (see SYSLOG_TEE)."""
+    procd's `stdout 1` / `stderr 1` do (see SYSLOG_TEE).
+    shared_etc: the host's /etc/ssl and /etc/alternatives are bound
+    read-only (a run directory made with create_run_dir(shared_etc=True)).
+    usr_links: a link tree made by make_usr_links, bound read-only as
+    /usr/bin and /usr/sbin."""
     run = os.path.abspath(run)
     a = ["--unshare-user", "--uid", "0", "--gid", "0", "--unshare-pid",
          "--unshare-ipc", "--unshare-uts", "--unshare-cgroup-try"]
@@ -341,22 +451,21 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
         elif os.path.isdir(p):
             a += ["--ro-bind", p, p]
     # /usr/bin and /usr/sbin: host programs as symlinks, device tools over
-    # them (so absolute paths such as /sbin/reboot reach the simulation).
-    tools = _tool_names()
-    skip = set(tools) | {"korvat-cloud"}
-    if shell == "busybox":
-        skip.add("sh")
-    for d in ("bin", "sbin"):
-        a += ["--tmpfs", "/usr/" + d]
-        for name in sorted(os.listdir("/usr/" + d)):
-            if name not in skip:
-                a += ["--symlink", "%s/%s/%s" % (HOST_USR, d, name),
-                      "/usr/%s/%s" % (d, name)]
-        for name in tools:
-            a += ["--symlink", "%s/bin/%s" % (SIM_MOUNT, name),
-                  "/usr/%s/%s" % (d, name)]
-        if d == "bin" and shell == "busybox":
-            a += ["--symlink", "%s/busybox/sh" % SIM_MOUNT, "/usr/bin/sh"]
+    # them (so absolute paths such as /sbin/reboot reach the simulation):
+    # a tmpfs of links each, or a link tree many devices share (usr_links)
+    if usr_links is not None:
+        shared = read_usr_links(usr_links)
+        if shared.get("shell") != shell:
+            raise ValueError("the link tree %s was made for shell %r"
+                             % (usr_links, shared.get("shell")))
+        for d in ("bin", "sbin"):
+            a += ["--ro-bind", sources.host(os.path.join(usr_links, d)),
+                  "/usr/" + d]
+    else:
+        for d in ("bin", "sbin"):
+            a += ["--tmpfs", "/usr/" + d]
+            for name, target in usr_entries(d, shell):
+                a += ["--symlink", target, "/usr/%s/%s" % (d, name)]
     if agent:
         a += ["--ro-bind", sources.host(agent), AGENT_PATH]
     a += ["--remount-ro", "/usr/bin", "--remount-ro", "/usr/sbin"]
@@ -366,6 +475,10 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
           "--bind", sources.run_dir("etc"), "/etc",
           "--bind", sources.run_dir("tmp"), "/tmp",
           "--bind", sources.run_dir("mnt"), "/mnt"]
+    if shared_etc:
+        for name in SHARED_ETC:
+            if os.path.isdir("/etc/" + name):
+                a += ["--ro-bind", sources.host("/etc/" + name), "/etc/" + name]
     # Fresh /proc, read-only, with the printk file taken from the run.
     a += ["--proc", "/proc", "--remount-ro", "/proc",
           "--bind", sources.run_file("proc_printk"),
@@ -623,11 +736,19 @@ class Device:
     `exec`).  The network exists from construction on, so that servers can
     listen in its gateway namespace before the device starts."""
 
-    def __init__(self, run_dir=None, template=TEMPLATE, keep=False, net=None):
+    def __init__(self, run_dir=None, template=TEMPLATE, keep=False, net=None,
+                 shared_etc=False, usr_links=None):
+        """shared_etc: /etc/ssl and /etc/alternatives are the host's, bound
+        read-only, not copies in the run directory (which, when it is made
+        here, has empty directories there); usr_links: every start binds
+        this link tree (make_usr_links) as /usr/bin and /usr/sbin.  Both
+        for many devices on one host (fleet/), where one copy serves all."""
         self.created = run_dir is None
-        self.run = create_run_dir(run_dir, template)
+        self.run = create_run_dir(run_dir, template, shared_etc=shared_etc)
         self.ctl = control_dir(self.run)
         self.keep = keep
+        self.shared_etc = shared_etc
+        self.usr_links = usr_links
         self.proc = None
         # Recorded processes (simnet.Proc: pid and start time, checked at
         # every use): the launcher start() made, the sandbox's pid 1 once
@@ -666,7 +787,9 @@ class Device:
                                   agent=agent, env=env, binds=binds,
                                   preload=preload, shell=shell,
                                   hostname=hostname,
-                                  stdout_to_syslog=stdout_to_syslog)
+                                  stdout_to_syslog=stdout_to_syslog,
+                                  shared_etc=self.shared_etc,
+                                  usr_links=self.usr_links)
         try:
             self.proc = subprocess.Popen(argv, pass_fds=fds, stdin=stdin,
                                          stdout=stdout, stderr=stderr,
