@@ -6,7 +6,8 @@
 # target build (cross compilers, qemu-user) need, and the device server's web
 # console: aiohttp, jsonschema (the protocol check), Chart.js (Debian's
 # libjs-chart.js, served from /usr/share/javascript, never fetched at run
-# time), and for its browser test headless Chromium driven by Selenium.
+# time), and for its browser test headless Chromium driven by Selenium; and
+# the fleet's description files (PyYAML) and report plot (Matplotlib).
 # Safe to run again: it only calls apt-get when something is missing, and
 # installing needs root (a user who is not root is told what is missing and
 # stops here).
@@ -17,7 +18,8 @@ set -eu
 
 PACKAGES="build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
 libcjson-dev libssl-dev libminiupnpc-dev libgtest-dev
-python3 python3-websockets python3-pytest bubblewrap busybox iproute2 openssl procps psmisc
+python3 python3-websockets python3-pytest python3-yaml python3-matplotlib
+bubblewrap busybox iproute2 openssl procps psmisc
 file gcc-mips-linux-gnu g++-mips-linux-gnu qemu-user dpkg-dev
 nodejs node-ws libwebsockets-dev
 miniupnpd-nftables nftables miniupnpc

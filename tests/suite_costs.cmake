@@ -18,7 +18,9 @@ set(kc_suite_costs
   package.init_script 195  interop.python 190  interop.ws 180
   interop.lws 155  device.utility_script 78  device.reboot_and_logs 43
   device.tools 40  device.uci 33  device.network 20  device.sandbox 15
-  server.cli 13  package.package_files 13)
+  server.cli 13  package.package_files 13
+  fleet.fleet_run 150  # plain build only: 20 agents and a server restart, beside the rest
+  server.fleet_state 5  fleet.fleet_units 5  device.fleet_resources 20)
 
 # Sets the COST of test `name` (created in the calling directory) from the
 # table; tests not in it keep the default.
