@@ -66,7 +66,7 @@ CLK_TCK = os.sysconf("SC_CLK_TCK")
 ACCESS_TIMEOUT = 86400      # seconds the opened remote access stays valid
 
 # The command lines as the agent hands them to /bin/sh (src/client/
-# remote_access.cpp, src/sdk/status_updates.cpp, src/util/facts.cpp).
+# remote_access.cpp, src/client/status_updates.cpp, src/util/facts.cpp).
 TICK_COMMANDS = [
     # the expiry check reads the open flag at every tick
     # (remote_access_timeout is 600 in the device's default configuration)

@@ -25,7 +25,7 @@
 #include "json/envelope.h"
 #include "json/accessors.h"
 #include "sdk/nimb_sdk.h"
-#include "sdk/status_updates.h"
+#include "client/status_updates.h"
 #include "util/apply.h"
 #include "util/debug.h"
 #include "util/shell.h"

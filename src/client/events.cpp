@@ -192,6 +192,17 @@ static std::string isoTimeOf(const LogLine &line)
 
 /* ---- senders ---- */
 
+cJSON *notificationEnvelope(const char *method, cJSON **params)
+{
+    cJSON *root = initJsonRpcObject();
+    jsonAddString(root, "method", method);
+    *params = jsonCreateObject();
+    jsonAddItem(root, "params", *params);
+    jsonAddString(*params, "deviceId", g_deviceMac);
+    jsonAddInt(*params, "version", 0);
+    return root;
+}
+
 void sendEventLog(void)
 {
     sendEventLogFrom(kEventFile);
@@ -216,12 +227,8 @@ void sendEventLogFrom(const char *path)
     fclose(in);
     if (records.empty())
         return;
-    cJSON *root = initJsonRpcObject();
-    jsonAddString(root, "method", "dsEventNotifications");
-    cJSON *params = jsonCreateObject();
-    jsonAddItem(root, "params", params);
-    jsonAddString(params, "deviceId", g_deviceMac);
-    jsonAddInt(params, "version", 0);
+    cJSON *params = NULL;
+    cJSON *root = notificationEnvelope("dsEventNotifications", &params);
     cJSON *events = jsonCreateArray();
     jsonAddItem(params, "events", events);
     for (const EventRecord &rec : records) {

@@ -3,7 +3,8 @@
  * notifications from "/tmp/cEvtLog" ("dsEventNotifications", event queue)
  * and streamed system-log lines from the capture "/tmp/cloud_log_file"
  * (results of the "dxStreamSystemLogs" request, reply queue).  Both are
- * sent by the maintenance timer's checks (see timer.h).
+ * sent by the maintenance timer's checks (see timer.h).  The envelope of
+ * every notification (these and the periodic status updates) is made here.
  *
  * Ownership: the records the parsers fill are plain values of the caller.
  */
@@ -11,6 +12,16 @@
 #define KC_CLIENT_EVENTS_H
 
 #include <string>
+
+struct cJSON;
+
+/* ---- notifications ---- */
+
+/* The envelope of a notification the agent originates: {"jsonrpc",
+ * "method", "params":{"deviceId" (the device MAC), "version":0}} with
+ * *params set to the "params" object, for the caller to fill.  The caller
+ * queues the tree (or deletes it). */
+cJSON *notificationEnvelope(const char *method, cJSON **params);
 
 /* ---- the event file ---- */
 

@@ -18,6 +18,7 @@
 #include "client/handlers.h"
 #include "client/log_capture.h"
 #include "client/sigterm.h"
+#include "client/status_updates.h"
 #include "client/timer.h"
 #include "linux/thread.h"
 #include "sdk/nimb_sdk.h"
@@ -102,6 +103,7 @@ int main(int argc, char **argv)
 
     setReplySentHook(pendingAckReplySent);
     setMaintenanceTimer(timerHandler);
+    setStatusUpdater(dsLogStatusUpdatesHandler);
     if (initConnection(url, g_deviceMac, NULL, NULL, onPingHook, onCloseHook,
                        onReconnectionHook) != 0) {
         /* none of the URL forms: no attempt could ever succeed */

@@ -23,7 +23,6 @@
 #include "websocket/connection.h"
 #include "websocket/framing.h"
 #include "util/random.h"
-#include "sdk/status_updates.h"
 #include "util/debug.h"
 #include "util/shell.h"
 #include "util/text.h"
@@ -44,6 +43,7 @@ static pthread_mutex_t s_activityLock;
 static time_t s_lastActivity;
 static int s_retryInterval = 10;
 static void *(*s_maintenanceTimer)(void *) = NULL;
+static void *(*s_statusUpdater)(void *) = NULL;
 static int s_queuesReady = 0;
 
 WbsConnection *g_wbsConnection = NULL;
@@ -69,6 +69,11 @@ void refuseWithTooManyItems(cJSON *refused)
 void setMaintenanceTimer(void *(*body)(void *))
 {
     s_maintenanceTimer = body;
+}
+
+void setStatusUpdater(void *(*body)(void *))
+{
+    s_statusUpdater = body;
 }
 
 void initNimbQueues(void)
@@ -210,8 +215,9 @@ int initConnection(const char *url, const char *mac, void *ignored1,
     }
     initNimbThreads();
     restore_all_queues();
-    setStatusDeviceId(mac);
-    ret = createThread(&thread, dsLogStatusUpdatesHandler, NULL, 1);
-    KC_ASSERT_AT(362, 0 == ret, "0==ret");
+    if (s_statusUpdater != NULL) {
+        ret = createThread(&thread, s_statusUpdater, NULL, 1);
+        KC_ASSERT_AT(362, 0 == ret, "0==ret");
+    }
     return 0;
 }

@@ -34,6 +34,10 @@ void setReplySentHook(ReplySentHook hook);
 /* The maintenance timer's thread body, started by initConnection right
  * after the queues (set before initConnection). */
 void setMaintenanceTimer(void *(*body)(void *));
+/* The periodic status updates' thread body, started by initConnection
+ * last, once the saved queues have been restored (set before
+ * initConnection). */
+void setStatusUpdater(void *(*body)(void *));
 
 /* Opens the connection (blocks, retrying, until it is up), creates the
  * queues and starts the threads.  0; -1 when the URL is none of the forms

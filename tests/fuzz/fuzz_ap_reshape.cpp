@@ -42,7 +42,7 @@
 #include <string>
 
 #include "client/ap_status.h"
-#include "sdk/status_updates.h"
+#include "client/status_updates.h"
 
 namespace {
 

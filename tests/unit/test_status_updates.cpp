@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "json/accessors.h"
-#include "sdk/status_updates.h"
+#include "client/status_updates.h"
 #include "test_support.h"
 #include "util/shell.h"
 #include "util/facts.h"

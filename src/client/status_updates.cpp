@@ -6,9 +6,12 @@
  * notification on the status queue.  While the web configuration reloads,
  * while the status queue is full, or while the last update is still being
  * gathered, a period is skipped; updates never queue up behind each other.
+ * The connection manager starts the long-lived thread (setStatusUpdater);
+ * the debug lines and the assertion carry its module name, as they always
+ * have.
  */
 #define KC_MODULE "nimb_sdk.cpp"
-#include "sdk/status_updates.h"
+#include "client/status_updates.h"
 
 #include <cjson/cJSON.h>
 
@@ -22,11 +25,10 @@
 
 #include <atomic>
 
-#include "json/envelope.h"
+#include "client/events.h"
 #include "json/accessors.h"
 #include "linux/thread.h"
 #include "sdk/nimb_sdk.h"
-#include "sdk/sdk_private.h"
 #include "util/debug.h"
 #include "util/shell.h"
 #include "util/text.h"
@@ -38,7 +40,6 @@ static std::atomic<int> s_statusPeriod{60};
  * utility script) must not leave one stalled thread, with its children,
  * per period. */
 static std::atomic<int> s_updateInFlight{0};
-static const char *s_deviceMac = "";
 
 /* The period from UCI when it is a positive number; kept otherwise. */
 static void readStatusPeriod(void)
@@ -126,13 +127,9 @@ static void logStatusUpdates(void)
     readStatusPeriod();
     calculateCPUUsage();
 
-    cJSON *root = initJsonRpcObject();
+    cJSON *params = NULL;
+    cJSON *root = notificationEnvelope("dsLogStatusUpdates", &params);
     KC_ASSERT_AT(138, NULL != root, "((void *)0) != root");
-    jsonAddString(root, "method", "dsLogStatusUpdates");
-    cJSON *params = jsonCreateObject();
-    jsonAddItem(root, "params", params);
-    jsonAddString(params, "deviceId", s_deviceMac);
-    jsonAddInt(params, "version", 0);
     cJSON *updates = jsonCreateArray();
     jsonAddItem(params, "updates", updates);
 
@@ -196,7 +193,7 @@ void *dsLogStatusUpdatesHandler(void *)
             KC_DEBUG_AT(316, "=== luci-reloading......\n");
             continue;
         }
-        if (freeSlotCount(&g_sendQueues[SEND_QUEUE_STATUS]) < 1)
+        if (sendQueueFreeSlots(SEND_QUEUE_STATUS) < 1)
             continue;
         /* at most one update in flight: the period is skipped while the
          * last one is still gathering */
@@ -207,9 +204,4 @@ void *dsLogStatusUpdatesHandler(void *)
             s_updateInFlight = 0;
     }
     return NULL;
-}
-
-void setStatusDeviceId(const char *mac)
-{
-    s_deviceMac = mac;
 }

@@ -1,8 +1,10 @@
 /*
- * Periodic status updates ("dsLogStatusUpdates") on the status queue.
+ * Periodic status updates ("dsLogStatusUpdates") on the status queue.  The
+ * thread body is handed to the connection manager with setStatusUpdater
+ * (sdk/nimb_sdk.h), which starts it once the queues have been restored.
  */
-#ifndef KC_SDK_STATUS_UPDATES_H
-#define KC_SDK_STATUS_UPDATES_H
+#ifndef KC_CLIENT_STATUS_UPDATES_H
+#define KC_CLIENT_STATUS_UPDATES_H
 
 #include <stdint.h>
 
@@ -12,8 +14,6 @@ struct cJSON;
 void *dsLogStatusUpdatesHandler(void *unused);
 /* The status period in use, in seconds. */
 int statusPeriod(void);
-/* The device id the updates carry (the command line's MAC address). */
-void setStatusDeviceId(const char *mac);
 
 /* Pieces of an update, for tests: used kilobytes times 10000 over all
  * kilobytes (64-bit arithmetic; 0 when both are 0); and the "radios" array
