@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "util/debug.h"
 #include "util/shell.h"
@@ -18,10 +17,14 @@ static char *networkId(const char *address, const char *mask)
 {
     char *a = shell_quote(address != NULL ? address : "");
     char *m = shell_quote(mask != NULL ? mask : "");
-    std::string cmd = std::string(KAPRI_UTIL_SCRIPT) + " getNetwordId " + a + " " + m;
+    size_t size = strlen(KAPRI_UTIL_SCRIPT) + strlen(a) + strlen(m) + 16;
+    char *cmd = static_cast<char *>(malloc(size));
+    snprintf(cmd, size, "%s getNetwordId %s %s", KAPRI_UTIL_SCRIPT, a, m);
     free_text(a);
     free_text(m);
-    return run_shell_command(cmd.c_str(), 16384);
+    char *id = run_shell_command(cmd, 16384);
+    free(cmd);
+    return id;
 }
 
 int bothIpInSameNetwork(const char *a, const char *b, const char *mask)
