@@ -343,7 +343,13 @@ def usr_entries(d, shell="busybox"):
 USR_LINKS_INFO = "usr-links.json"
 
 
-def make_usr_links(dest, shell="busybox", front=False):
+# PATH of a device whose link tree leads the tool names to the front end
+# itself (make_usr_links(named_tools=True)): the device's own, without
+# /simdevice/bin first (whose files are the tools' scripts).
+NAMED_TOOLS_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
+
+
+def make_usr_links(dest, shell="busybox", front=False, named_tools=False):
     """Makes at dest (a new directory) the link tree of the devices'
     /usr/bin and /usr/sbin (dest/bin, dest/sbin) that sandboxes started
     with usr_links=dest bind read-only, instead of a tmpfs of about 1,600
@@ -352,19 +358,29 @@ def make_usr_links(dest, shell="busybox", front=False):
     Made for one shell (see sandbox_args) and for the host programs and
     device tools there are now: make it again when they change.
     front: also build the tools' front end once into it (bin/.toolfront,
-    see use_shared_front), when this machine builds one at all."""
+    see use_shared_front), when this machine builds one at all.
+    named_tools (with a front end built): the tools' names lead to the
+    front end itself, which takes its tool from the name it was started
+    under (sim/lib/toolfront.c), so that a call runs no shell to read the
+    script's header; sandboxes then get NAMED_TOOLS_PATH.  A tool's
+    process then has the command line the caller gave ("uci get x"), not
+    the one of a Python program."""
     os.makedirs(dest, mode=0o755)
     for d in ("bin", "sbin"):
         os.mkdir(os.path.join(dest, d), 0o755)
+    built = front and build_front(os.path.join(dest, "bin", SHARED_FRONT))
+    named = bool(named_tools and built)
+    tools = set(_tool_names())
+    for d in ("bin", "sbin"):
         for name, target in usr_entries(d, shell):
+            if named and name in tools:
+                target = SHARED_FRONT if d == "bin" else "../bin/" + SHARED_FRONT
             os.symlink(target, os.path.join(dest, d, name))
     # the mount point of the agent (an empty file: nothing to run)
     with open(os.path.join(dest, "bin", "korvat-cloud"), "x"):
         pass
-    if front:
-        build_front(os.path.join(dest, "bin", SHARED_FRONT))
     with open(os.path.join(dest, USR_LINKS_INFO), "x") as f:
-        json.dump({"shell": shell}, f)
+        json.dump({"shell": shell, "named_tools": named}, f)
     return dest
 
 
@@ -453,8 +469,11 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
     # /usr/bin and /usr/sbin: host programs as symlinks, device tools over
     # them (so absolute paths such as /sbin/reboot reach the simulation):
     # a tmpfs of links each, or a link tree many devices share (usr_links)
+    path = PATH
     if usr_links is not None:
         shared = read_usr_links(usr_links)
+        if shared.get("named_tools"):
+            path = NAMED_TOOLS_PATH
         if shared.get("shell") != shell:
             raise ValueError("the link tree %s was made for shell %r"
                              % (usr_links, shared.get("shell")))
@@ -500,7 +519,7 @@ def sandbox_args(run, cmd, agent=None, env=None, binds=(),
         dest = "%s/%s" % (EXTRA_MOUNT, os.path.basename(so))
         a += ["--ro-bind", sources.host(so), dest]
         pre.append(dest)
-    envs = {"PATH": PATH, "HOME": "/root", "TERM": "dumb", "USER": "root",
+    envs = {"PATH": path, "HOME": "/root", "TERM": "dumb", "USER": "root",
             "LOGNAME": "root", "SHELL": "/bin/sh"}
     if pre and TARGET:
         # Only the emulated agent gets the (target) shim; qemu itself and the

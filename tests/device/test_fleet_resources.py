@@ -246,3 +246,45 @@ def test_forward_by_name_resolves_to_the_gateway_inside(tmp_path):
         assert hosts[0].split() == ["192.168.1.1", name]
     finally:
         srv.close()
+
+
+def test_named_tools_answer_as_the_tools_own_python_does(tmp_path):
+    """With the link tree's tool names leading to the shared front end
+    (named_tools), every call of the tool server's comparison gives the
+    same output, status and journal as each tool's own Python program."""
+    import platform
+    if platform.machine() != "x86_64" or not shutil.which("cc"):
+        pytest.skip("this machine builds no front end (not x86_64, or no cc)")
+    import test_toolserver as ts
+    tree = simdevice.make_usr_links(str(tmp_path / "usr"), front=True, named_tools=True)
+    assert simdevice.read_usr_links(tree)["named_tools"]
+    assert os.readlink(os.path.join(tree, "bin", "uci")) == simdevice.SHARED_FRONT
+    assert os.readlink(os.path.join(tree, "sbin", "kapri_util.lua")) == \
+        "../bin/" + simdevice.SHARED_FRONT
+    with simdevice.Device() as direct, simdevice.Device(usr_links=tree) as named:
+        simdevice.use_shared_front(named.run, tree)
+        want = ts.calls_in(direct, ts.DIRECT)
+        got = ts.calls_in(named, None)
+    assert got[3] != []    # the calls went to a tool server
+    assert got[0].decode() == want[0].decode()
+    assert got[1].decode() == want[1].decode()
+    assert got[2] == want[2]
+
+
+def test_named_tools_run_no_header_shell(tmp_path):
+    """A named tool is the front end from its start: its process is the
+    tool (command name and line as the caller gave them), with no shell
+    before it."""
+    import platform
+    if platform.machine() != "x86_64" or not shutil.which("cc"):
+        pytest.skip("this machine builds no front end (not x86_64, or no cc)")
+    tree = simdevice.make_usr_links(str(tmp_path / "usr"), front=True, named_tools=True)
+    with simdevice.Device(usr_links=tree) as dev:
+        simdevice.use_shared_front(dev.run, tree)
+        status, out, err = run_sh(dev, "echo $PATH; logread -f > /dev/null & sleep 0.5; "
+                                  "cat /proc/$!/cmdline | tr '\\0' ' '; echo; "
+                                  "readlink /proc/$!/exe; cat /proc/$!/comm; kill $!")
+        assert status == 0, err
+        lines = out.splitlines()
+        assert lines[0] == simdevice.NAMED_TOOLS_PATH
+        assert lines[1:] == ["logread -f ", "/usr/bin/" + simdevice.SHARED_FRONT, "logread"]

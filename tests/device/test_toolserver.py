@@ -52,6 +52,12 @@ sntool one two
 killall -0 nothing-here
 mount -t jffs2 /dev/mtdblock2 /mnt; mount -t jffs2 /dev/mtdblock2 /mnt; umount /mnt; umount /mnt
 LANG=C.UTF-8 uci get korvatCloud.korvatCloud.name
+uci get upnpc.http.enable >&-
+uci get upnpc.http.enable 2>&-
+uci get network.lan.ipaddr | tr -d '\n'
+uci get 'network.lan.ipaddr,x'
+(sleep 0.3; uci get upnpc.http.enable) | true
+SIMDEVICE_NOJOURNAL=1 uci get network.lan.ipaddr
 """
 
 
@@ -96,6 +102,38 @@ def test_served_calls_answer_as_the_tools_own_python_does():
     assert "uci: Entry not found" in err and "x: hello\n" in err
     assert "root: a\r\nroot: b\nroot: c\n" in err
     assert "FileNotFoundError" in err and "s-2-one\n" in err
+
+
+def server_children_cpu(device):
+    """CPU ticks of the processes the device's tool servers forked and
+    waited for (their workers): cutime + cstime."""
+    total = 0
+    for p in servers(device):
+        with open("/proc/%d/stat" % p["host_pid"], "rb") as f:
+            data = f.read()
+        fields = data[data.rindex(b")") + 2:].split()
+        total += int(fields[13]) + int(fields[14])
+    return total
+
+
+def test_uci_get_is_answered_by_the_server_itself(device):
+    """The timer's once-a-second `uci get` forks no worker: the server's
+    workers' CPU does not grow over many of them, while other calls fork
+    one each."""
+    device.start(["/bin/sh", "-c", "uci get upnpc.http.enable; : > /tmp/ready; "
+                  "sleep 1000"])
+    assert wait_for(lambda: device.exists("/tmp/ready"))
+    before = server_children_cpu(device)
+    r = device.sh("i=0; while [ $i -lt 100 ]; do uci get upnpc.http.enable >/dev/null; "
+                  "i=$((i+1)); done; uci get upnpc.http.enable")
+    assert (r.returncode, r.stdout) == (0, "0\n"), r.stderr
+    assert server_children_cpu(device) == before
+    assert device.journal().count("uci get upnpc.http.enable") == 102
+    r = device.sh("i=0; while [ $i -lt 100 ]; do uci show upnpc >/dev/null; "
+                  "i=$((i+1)); done")
+    assert r.returncode == 0, r.stderr
+    assert server_children_cpu(device) > before
+    device.stop()
 
 
 def follower(device, signal_cmd):

@@ -17,6 +17,15 @@
  * (SIGKILL too), the worker is told by the kernel at once (SIGIO on its end
  * of the socket) and dies with it, so a `logread -f` writes nothing more.
  *
+ * Started under a tool's own name instead (a link named after the tool to
+ * a front end shared by many devices, fleet/; its exec path outside
+ * /simrun/.simtools), it is that tool: the script is /simdevice/bin/NAME
+ * and the call goes on as if the header had run it with -S, without the
+ * shell that reads the header.
+ *
+ * The server may answer a call itself (MAGIC says this program takes
+ * that): the pid it answers is then 0, and the status follows at once.
+ *
  * Without a server for its environment it starts one (under a lock).  It
  * runs the tool as its own Python program instead (the process Python had)
  * when SIMDEVICE_TOOLSERVER=0, outside a device, or when no server can be
@@ -42,7 +51,7 @@
 #define SOURCE "/simdevice/lib/toolfront.c"
 #define SERVER "/simdevice/lib/toolserver.py"
 #define PYTHON "/usr/bin/python3"
-#define MAGIC "KTF1"
+#define MAGIC "KTF2"  /* KTF1 and a worker: takes an answer without one */
 
 /* ---- system calls -------------------------------------------------------- */
 
@@ -558,8 +567,40 @@ static int read_int(int s, int32_t *v)
     return 0;
 }
 
-static int toolfront_main(int argc, char **argv, char **envp)
+/* The tool's own name: argv as the header would have made it. */
+#define MAX_ARGS (1 << 18)  /* ARG_MAX (2 MiB) holds no more pointers */
+static char *g_named_argv[MAX_ARGS + 4];
+static char g_script[256];
+
+static int named_call(const char *execfn, int *argc, char ***argv)
 {
+    const char *base = execfn;
+    for (const char *p = execfn; *p; p++)
+        if (*p == '/')
+            base = p + 1;
+    if (starts(execfn, TOOLS "/") || !*base || *base == '.' ||
+            *argc > MAX_ARGS)
+        return 0;
+    char *end = g_script + sizeof g_script;
+    add(add(g_script, end, "/simdevice/bin/"), end, base);
+    char **in = *argv;
+    g_named_argv[0] = PYTHON;
+    g_named_argv[1] = "-S";
+    g_named_argv[2] = g_script;
+    int n = 3;
+    for (int i = 1; i < *argc; i++)
+        g_named_argv[n++] = in[i];
+    g_named_argv[n] = 0;
+    *argc = n;
+    *argv = g_named_argv;
+    return 1;
+}
+
+static int toolfront_main(int argc, char **argv, char **envp,
+                          const char *execfn)
+{
+    if (execfn)
+        named_call(execfn, &argc, &argv);
     g_argv = argv;
     g_env = envp;
     for (int fd = 0; fd < 3; fd++)
@@ -612,10 +653,12 @@ static int toolfront_main(int argc, char **argv, char **envp)
         direct();
     int32_t worker, status;
     if (send_request(s, argc - 2, argv + 2) != 0 ||
-            read_int(s, &worker) != 0 || worker <= 0) {
+            read_int(s, &worker) != 0 || worker < 0) {
         my_close(s);
         direct();
     }
+    /* 0: the server answered the call itself (no worker to signal); its
+     * status follows at once */
     g_worker = worker;
     set_mask(SIG_SETMASK_, g_orig_mask, 0);
     if (read_int(s, &status) != 0)
@@ -652,11 +695,24 @@ void *memset(void *to, int c, size_t n)
     return to;
 }
 
+#define AT_NULL_ 0
+#define AT_EXECFN_ 31
+
 __attribute__((used)) void toolfront_start(long *sp)
 {
     int argc = (int)sp[0];
     char **argv = (char **)(sp + 1);
-    my_exit(toolfront_main(argc, argv, argv + argc + 1));
+    char **envp = argv + argc + 1;
+    char **e = envp;
+    while (*e)
+        e++;
+    /* the auxiliary vector: the path this program was executed by */
+    const char *execfn = 0;
+    for (unsigned long *aux = (unsigned long *)(e + 1); aux[0] != AT_NULL_;
+         aux += 2)
+        if (aux[0] == AT_EXECFN_)
+            execfn = (const char *)aux[1];
+    my_exit(toolfront_main(argc, argv, envp, execfn));
 }
 
 __asm__(".text\n"
