@@ -5,27 +5,26 @@
  * "vekGetGuestNetworkStatus", "vekGetNetworkStatus", "vekGetClientStatus",
  * "vekGetRadioConfig" and "vekGetNetworkConfig".
  *
- * The figures come from the utility script: a sub-command prints either
- * one value or a JSON document, which is re-shaped into the reply (or cut
- * down to fixed key lists with json_filter_copy).  A sub-command that
- * prints nothing leaves out what would have come from it; a JSON answer
- * that does not parse is refused with -32602.  More radios or guest
- * networks than the device can have (three or more) give 10001.
+ * The figures come from the utility script (client/script_answers.h): a
+ * sub-command prints either one value or a JSON document, which is
+ * re-shaped into the reply (or cut down to fixed key lists with
+ * json_filter_copy).  A sub-command that prints nothing leaves out what
+ * would have come from it; a JSON answer that does not parse is refused
+ * with -32602.  More radios or guest networks than the device can have
+ * (three or more) give 10001.
  */
 #define KC_MODULE "nimb_client.cpp"
 #include "client/handlers.h"
-#include "client/ap_status.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "client/reply.h"
+#include "client/script_answers.h"
 #include "json/json_filter.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
-#include "sdk/nimb_sdk.h"
-#include "client/status_updates.h"
 #include "util/apply.h"
 #include "util/debug.h"
 #include "util/shell.h"
@@ -34,12 +33,9 @@
 #include "util/facts.h"
 #include "util/shell_quote.h"
 #include "util/radios.h"
+#include "util/wlan_profile.h"
 
 /* ---- helpers ---- */
-
-/* Cap of a JSON answer of the utility script, and of a one-value answer. */
-static const int kJsonAnswerLimit = 16384;
-static const int kValueLimit = 20;
 
 static const char kSystemName[] = "system.system.SystemName";
 static const char kSnmpName[] = "snmpd.snmpv2.sysName";
@@ -67,162 +63,6 @@ static const char *const kEnterpriseNetworkKeys[] = {
     "radiusServer", "radiusPort", "radiusSecret", "vlanId", "broadcastEnabled",
     "separationEnabled", NULL};
 
-/* Output of cmd (at most limit bytes), or NULL when it printed nothing or
- * could not run. */
-static char *outputOf(const char *cmd, int limit)
-{
-    char *out = run_shell_command(cmd, limit);
-    if (out == SHELL_ERROR_TEXT || out == NULL || out[0] == '\0') {
-        free_text(out);
-        return NULL;
-    }
-    return out;
-}
-
-/* The one-value answer of a sub-command ("%s <sub> | tr -d '\n'"), or NULL. */
-static char *scriptValue(const char *subCommand)
-{
-    char cmd[256];
-    snprintf(cmd, sizeof cmd, "%s %s | tr -d '\n'", KAPRI_UTIL_SCRIPT, subCommand);
-    return outputOf(cmd, kValueLimit);
-}
-
-/* Adds the one-value answer as a string member; left out without one. */
-static void addValueText(cJSON *object, const char *name, const char *subCommand)
-{
-    char *value = scriptValue(subCommand);
-    if (value != NULL)
-        jsonAddString(object, name, value);
-    free_text(value);
-}
-
-/* Adds the one-value answer as a number (atof); left out without one. */
-static void addValueNumber(cJSON *object, const char *name, const char *subCommand)
-{
-    char *value = scriptValue(subCommand);
-    if (value != NULL)
-        jsonAddNumber(object, name, atof(value));
-    free_text(value);
-}
-
-/* A string member of an answer object, "" when it is missing. */
-static const char *textOf(const cJSON *object, const char *name)
-{
-    const char *text = jsonGetString(object, name);
-    return text != NULL ? text : "";
-}
-
-static int isEnabledStatus(const cJSON *object)
-{
-    return strcmp(textOf(object, "Status"), "Enabled") == 0;
-}
-
-/*
- * The "radios" array of the radio status from a "WifiInfo" answer, each
- * radio as "interface", "enabled", "rx", "tx", "networks", "clients" (the
- * periodic status update has its own order).  1 when added, 0 when there
- * is no answer or it is not JSON (no member), -1 for three radios or more.
- */
-int addRadioStatusObjects(cJSON *container, const char *wifiInfo)
-{
-    cJSON *info = wifiInfo != NULL ? jsonParse(wifiInfo) : NULL;
-    if (info == NULL)
-        return 0;
-    int radios = jsonGetInt(info, "RadioNum");
-    if (radios >= 3) {
-        jsonDelete(info);
-        return -1;
-    }
-    cJSON *array = jsonCreateArray();
-    for (int i = 0; i < radios; i++) {
-        const cJSON *dev = jsonGetItem(info, i == 0 ? "Dev2G" : "Dev5G");
-        cJSON *radio = jsonCreateObject();
-        jsonAddString(radio, "interface", i == 0 ? "2.4GHz" : "5GHz");
-        jsonAddBool(radio, "enabled", isEnabledStatus(dev));
-        jsonAddNumber(radio, "rx", atof(textOf(dev, "RxByte")));
-        jsonAddNumber(radio, "tx", atof(textOf(dev, "TxByte")));
-        jsonAddInt(radio, "networks", jsonGetInt(dev, "NetworkNum"));
-        jsonAddInt(radio, "clients", jsonGetInt(dev, "ClientNum"));
-        jsonAddToArray(array, radio);
-    }
-    jsonAddItem(container, "radios", array);
-    jsonDelete(info);
-    return 1;
-}
-
-/* "WifiInfo" as one line of JSON (caller frees), or NULL. */
-static char *wifiInfoAnswer(void)
-{
-    return outputOf(KAPRI_UTIL_SCRIPT " WifiInfo | tr -d '\n'", kJsonAnswerLimit);
-}
-
-/*
- * The "network" array of the guest network status from a
- * "GuestNetworkInfo" answer.  1 when added, 0 without an answer or when it
- * is not JSON, -1 for three guest networks or more.
- */
-int addGuestNetworkObjects(cJSON *container, const char *guestInfo)
-{
-    cJSON *info = guestInfo != NULL ? jsonParse(guestInfo) : NULL;
-    if (info == NULL)
-        return 0;
-    int networks = jsonGetInt(info, "GuestNetworkNum");
-    if (networks >= 3) {
-        jsonDelete(info);
-        return -1;
-    }
-    cJSON *array = jsonCreateArray();
-    for (int i = 0; i < networks; i++) {
-        const cJSON *dev = jsonGetItem(info, i == 0 ? "Dev2G" : "Dev5G");
-        cJSON *network = jsonCreateObject();
-        jsonAddInt(network, "networkIndex", jsonGetInt(dev, "NetworkIndex"));
-        jsonAddBool(network, "enabled", isEnabledStatus(dev));
-        jsonAddString(network, "mac", textOf(dev, "Mac"));
-        jsonAddString(network, "ssid", textOf(dev, "SSID"));
-        jsonAddString(network, "interface", textOf(dev, "Interface"));
-        jsonAddInt(network, "clients", jsonGetInt(dev, "ClientNum"));
-        jsonAddNumber(network, "rx", atof(textOf(dev, "RxByte")));
-        jsonAddNumber(network, "tx", atof(textOf(dev, "TxByte")));
-        jsonAddToArray(array, network);
-    }
-    jsonAddItem(container, "network", array);
-    jsonDelete(info);
-    return 1;
-}
-
-/*
- * Runs a sub-command that prints a JSON document (cmd whole, no tr).  An
- * answer that does not parse refuses the request with -32602: 0.
- * Otherwise 1, with *answer the parsed tree (caller deletes), or NULL when
- * the command printed nothing.
- */
-static int queryScript(const cJSON *request, const char *cmd, cJSON **answer)
-{
-    *answer = NULL;
-    char *out = outputOf(cmd, kJsonAnswerLimit);
-    if (out == NULL)
-        return 1;
-    *answer = jsonParse(out);
-    free_text(out);
-    if (*answer != NULL)
-        return 1;
-    replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
-    return 0;
-}
-
-/* Replies with the filtered copy of answer as "result" (no "result" when
- * there was no answer) and deletes answer. */
-static void replyFiltered(const cJSON *request, cJSON *answer, const char *const *top_keys,
-                          const char *const *item_keys)
-{
-    cJSON *reply = initJsonRpcObject();
-    addJsonRpcId(request, reply, "id");
-    if (answer != NULL)
-        jsonAddItem(reply, "result", json_filter_copy(answer, top_keys, item_keys));
-    jsonDelete(answer);
-    replyResult(reply);
-}
-
 /* The enterprise key list for "WPA2" and "WPA MIXED", else the personal one. */
 static const char *const *networkConfigKeys(const cJSON *answer)
 {
@@ -232,30 +72,22 @@ static const char *const *networkConfigKeys(const cJSON *answer)
     return kPersonalNetworkKeys;
 }
 
-/* 1 when index names a network: 0..7 always, 50..57 with a 5 GHz radio. */
-static int isValidNetworkIndex(int index)
-{
-    if (index >= 0 && index <= 7)
-        return 1;
-    return index >= 50 && index <= 57 && g_support5G;
-}
-
 /* The guest network of one band as a "guestNetworks" entry; nothing when
  * the script prints nothing or no JSON for it. */
 static void addGuestNetworkEntry(cJSON *array, const char *band)
 {
     char cmd[128];
     snprintf(cmd, sizeof cmd, "%s vekGetGuestNetworkConfig result %s", KAPRI_UTIL_SCRIPT, band);
-    char *out = outputOf(cmd, kJsonAnswerLimit);
-    cJSON *answer = out != NULL ? jsonParse(out) : NULL;
-    free_text(out);
+    cJSON *answer = NULL;
+    /* an answer that does not parse leaves the entry out: no refusal */
+    (void)scriptJson(cmd, &answer);
     if (answer == NULL)
         return;
     cJSON *guest = jsonCreateObject();
     jsonAddBool(guest, "enabled", jsonGetInt(answer, "guestEnabled") != 0);
-    jsonAddString(guest, "mac", textOf(answer, "mac"));
-    jsonAddString(guest, "ssid", textOf(answer, "ssid"));
-    jsonAddString(guest, "interface", textOf(answer, "interface"));
+    jsonAddString(guest, "mac", answerText(answer, "mac"));
+    jsonAddString(guest, "ssid", answerText(answer, "ssid"));
+    jsonAddString(guest, "interface", answerText(answer, "interface"));
     jsonAddToArray(array, guest);
     jsonDelete(answer);
 }
@@ -309,19 +141,50 @@ static int setBandSteering(int requested)
     return 1;
 }
 
-/*
- * Adds to result the objects add() makes from a device answer (freed here)
- * and queues the reply; a device state add() refuses (-1, three radios or
- * more) is answered with the device-state error instead.
- */
-static void replyWithAnswerObjects(const cJSON *request, cJSON *reply, cJSON *result,
-                                   char *answer, int (*add)(cJSON *, const char *))
+/* A re-shaped answer with more radios or guest networks than the device
+ * can have (added -1) refuses the request with 10001. */
+static Refusal deviceStateOf(int added)
 {
-    int added = add(result, answer);
-    free_text(answer);
-    if (added < 0) {
+    return added < 0 ? refusal(KC_ERROR_DEVICE_STATE) : accepted();
+}
+
+/* The radio objects of the "WifiInfo" answer into result, members in
+ * order. */
+static Refusal addRadios(cJSON *result, RadioMemberOrder order)
+{
+    char *wifiInfo = scriptAnswer("WifiInfo", SCRIPT_JSON_LIMIT);
+    int added = addRadioObjects(result, wifiInfo, order);
+    free_text(wifiInfo);
+    return deviceStateOf(added);
+}
+
+static Refusal addRadioStatus(cJSON *result)
+{
+    return addRadios(result, RADIO_STATUS_ORDER);
+}
+
+static Refusal addGuestNetworkStatus(cJSON *result)
+{
+    char *guestInfo = scriptAnswer("GuestNetworkInfo", SCRIPT_JSON_LIMIT);
+    int added = addGuestNetworkObjects(result, guestInfo);
+    free_text(guestInfo);
+    return deviceStateOf(added);
+}
+
+/* The body of the radio and guest network status handlers: the result
+ * with what add() puts in it, or add()'s refusal. */
+static void answerObjectsHandler(const cJSON *request, Refusal (*add)(cJSON *result))
+{
+    if (deviceParams(request) == NULL) {
+        replyRefusal(request, missingDeviceId());
+        return;
+    }
+    cJSON *result = NULL;
+    cJSON *reply = deviceResult(request, &result);
+    Refusal why = add(result);
+    if (isRefused(why)) {
         jsonDelete(reply);
-        replyRefusal(request, refusal(KC_ERROR_DEVICE_STATE));
+        replyRefusal(request, why);
         return;
     }
     replyResult(reply);
@@ -395,12 +258,18 @@ void vekGetStatusHandler(const cJSON *request)
     jsonAddItem(result, "system", system);
 
     cJSON *lan = jsonCreateObject();
-    addValueNumber(lan, "rx", "GetSysTxRx eth0 0 rx bytes");
-    addValueNumber(lan, "tx", "GetSysTxRx eth0 0 tx bytes");
+    addScriptNumber(lan, "rx", "GetSysTxRx eth0 0 rx bytes");
+    addScriptNumber(lan, "tx", "GetSysTxRx eth0 0 tx bytes");
     jsonAddItem(result, "lan", lan);
 
     /* the same radio objects as the periodic status update */
-    replyWithAnswerObjects(request, reply, result, wifiInfoAnswer(), add_radio_objects);
+    Refusal why = addRadios(result, STATUS_UPDATE_ORDER);
+    if (isRefused(why)) {
+        jsonDelete(reply);
+        replyRefusal(request, why);
+        return;
+    }
+    replyResult(reply);
 }
 
 void vekGetLanStatusHandler(const cJSON *request)
@@ -411,35 +280,21 @@ void vekGetLanStatusHandler(const cJSON *request)
     }
     cJSON *result = NULL;
     cJSON *reply = deviceResult(request, &result);
-    addValueText(result, "speed", "vekGetLanStatus speed");
-    addValueText(result, "duplexMode", "vekGetLanStatus duplexMode");
-    addValueNumber(result, "rx", "vekGetLanStatus rx");
-    addValueNumber(result, "tx", "vekGetLanStatus tx");
+    addScriptText(result, "speed", "vekGetLanStatus speed");
+    addScriptText(result, "duplexMode", "vekGetLanStatus duplexMode");
+    addScriptNumber(result, "rx", "vekGetLanStatus rx");
+    addScriptNumber(result, "tx", "vekGetLanStatus tx");
     replyResult(reply);
 }
 
 void vekGetRadioStatusHandler(const cJSON *request)
 {
-    if (deviceParams(request) == NULL) {
-        replyRefusal(request, missingDeviceId());
-        return;
-    }
-    cJSON *result = NULL;
-    cJSON *reply = deviceResult(request, &result);
-    replyWithAnswerObjects(request, reply, result, wifiInfoAnswer(), addRadioStatusObjects);
+    answerObjectsHandler(request, addRadioStatus);
 }
 
 void vekGetGuestNetworkStatusHandler(const cJSON *request)
 {
-    if (deviceParams(request) == NULL) {
-        replyRefusal(request, missingDeviceId());
-        return;
-    }
-    cJSON *result = NULL;
-    cJSON *reply = deviceResult(request, &result);
-    char *guestInfo =
-        outputOf(KAPRI_UTIL_SCRIPT " GuestNetworkInfo | tr -d '\n'", kJsonAnswerLimit);
-    replyWithAnswerObjects(request, reply, result, guestInfo, addGuestNetworkObjects);
+    answerObjectsHandler(request, addGuestNetworkStatus);
 }
 
 void vekGetNetworkStatusHandler(const cJSON *request)
@@ -449,8 +304,11 @@ void vekGetNetworkStatusHandler(const cJSON *request)
         return;
     }
     cJSON *answer = NULL;
-    if (!queryScript(request, KAPRI_UTIL_SCRIPT " vekGetNetworkStatus result", &answer))
+    Refusal why = scriptJson(KAPRI_UTIL_SCRIPT " vekGetNetworkStatus result", &answer);
+    if (isRefused(why)) {
+        replyRefusal(request, why);
         return;
+    }
     cJSON *reply = initJsonRpcObject();
     addJsonRpcId(request, reply, "id");
     /* "deviceId" as the script gives it; without an answer only the
@@ -487,10 +345,13 @@ void vekGetClientStatusHandler(const cJSON *request)
     free_text(word);
     KC_DEBUG("sys_cmd = %s\n", cmd);
     cJSON *answer = NULL;
-    int answered = queryScript(request, cmd, &answer);
+    Refusal why = scriptJson(cmd, &answer);
     free(cmd);
-    if (answered)
-        replyFiltered(request, answer, kClientStatusKeys, kClientStatusItems);
+    if (isRefused(why)) {
+        replyRefusal(request, why);
+        return;
+    }
+    replyResult(filteredReply(request, answer, kClientStatusKeys, kClientStatusItems));
 }
 
 void vekGetRadioConfigHandler(const cJSON *request)
@@ -516,8 +377,12 @@ void vekGetRadioConfigHandler(const cJSON *request)
     snprintf(cmd, sizeof cmd, "%s vekGetRadioConfig result %d", KAPRI_UTIL_SCRIPT, radio);
     KC_DEBUG("sys_cmd = %s\n", cmd);
     cJSON *answer = NULL;
-    if (queryScript(request, cmd, &answer))
-        replyFiltered(request, answer, kRadioConfigKeys, NULL);
+    Refusal why = scriptJson(cmd, &answer);
+    if (isRefused(why)) {
+        replyRefusal(request, why);
+        return;
+    }
+    replyResult(filteredReply(request, answer, kRadioConfigKeys, NULL));
 }
 
 void vekGetNetworkConfigHandler(const cJSON *request)
@@ -537,6 +402,10 @@ void vekGetNetworkConfigHandler(const cJSON *request)
     snprintf(cmd, sizeof cmd, "%s vekGetNetworkConfig result %d", KAPRI_UTIL_SCRIPT, index);
     KC_DEBUG("sys_cmd = %s\n", cmd);
     cJSON *answer = NULL;
-    if (queryScript(request, cmd, &answer))
-        replyFiltered(request, answer, networkConfigKeys(answer), NULL);
+    Refusal why = scriptJson(cmd, &answer);
+    if (isRefused(why)) {
+        replyRefusal(request, why);
+        return;
+    }
+    replyResult(filteredReply(request, answer, networkConfigKeys(answer), NULL));
 }

@@ -26,6 +26,7 @@
 #include <atomic>
 
 #include "client/events.h"
+#include "client/script_answers.h"
 #include "json/accessors.h"
 #include "linux/thread.h"
 #include "sdk/nimb_sdk.h"
@@ -67,58 +68,6 @@ int memory_alarm_quotient(uint32_t memUsed, uint32_t memFree)
     return (int)(usedK * 10000 / (usedK + freeK));
 }
 
-/* Output of a one-value command, or NULL when it printed nothing. */
-static char *valueOf(const char *cmd, int limit)
-{
-    char *out = run_shell_command(cmd, limit);
-    if (out == SHELL_ERROR_TEXT || out[0] == '\0') {
-        free_text(out);
-        return NULL;
-    }
-    return out;
-}
-
-static void addCounter(cJSON *object, const char *name, const char *cmd)
-{
-    char *out = valueOf(cmd, 20);
-    if (out != NULL)
-        jsonAddNumber(object, name, atof(out));
-    free_text(out);
-}
-
-static const char *stringMember(const cJSON *object, const char *name)
-{
-    const char *text = jsonGetString(object, name);
-    return text != NULL ? text : "";
-}
-
-int add_radio_objects(cJSON *container, const char *wifiInfo)
-{
-    cJSON *info = wifiInfo != NULL ? jsonParse(wifiInfo) : NULL;
-    if (info == NULL)
-        return 0;
-    int radios = jsonGetInt(info, "RadioNum");
-    if (radios >= 3) {
-        jsonDelete(info);
-        return -1;
-    }
-    cJSON *array = jsonCreateArray();
-    for (int i = 0; i < radios; i++) {
-        const cJSON *dev = jsonGetItem(info, i == 0 ? "Dev2G" : "Dev5G");
-        cJSON *radio = jsonCreateObject();
-        jsonAddString(radio, "interface", i == 0 ? "2.4GHz" : "5GHz");
-        jsonAddNumber(radio, "rx", atof(stringMember(dev, "RxByte")));
-        jsonAddNumber(radio, "tx", atof(stringMember(dev, "TxByte")));
-        jsonAddInt(radio, "networks", jsonGetInt(dev, "NetworkNum"));
-        jsonAddInt(radio, "clients", jsonGetInt(dev, "ClientNum"));
-        jsonAddBool(radio, "enabled", strcmp(stringMember(dev, "Status"), "Enabled") == 0);
-        jsonAddToArray(array, radio);
-    }
-    jsonAddItem(container, "radios", array);
-    jsonDelete(info);
-    return 1;
-}
-
 /* Gathers one update and puts it on the status queue (its debug lines and
  * assertion carry this function's name). */
 static void logStatusUpdates(void)
@@ -153,12 +102,12 @@ static void logStatusUpdates(void)
         run_system_command("logger \"Memory usage greater then 90%.\"");
 
     cJSON *lan = jsonCreateObject();
-    addCounter(lan, "rx", KAPRI_UTIL_SCRIPT " GetSysTxRx eth0 0 rx bytes | tr -d '\n'");
-    addCounter(lan, "tx", KAPRI_UTIL_SCRIPT " GetSysTxRx eth0 0 tx bytes | tr -d '\n'");
+    addScriptNumber(lan, "rx", "GetSysTxRx eth0 0 rx bytes");
+    addScriptNumber(lan, "tx", "GetSysTxRx eth0 0 tx bytes");
     jsonAddItem(update, "lan", lan);
 
-    char *wifiInfo = valueOf(KAPRI_UTIL_SCRIPT " WifiInfo | tr -d '\n'", 16384);
-    int radios = add_radio_objects(update, wifiInfo);
+    char *wifiInfo = scriptAnswer("WifiInfo", SCRIPT_JSON_LIMIT);
+    int radios = addRadioObjects(update, wifiInfo, STATUS_UPDATE_ORDER);
     free_text(wifiInfo);
     if (radios < 0) {
         /* more radios than the device can have: no update this period */

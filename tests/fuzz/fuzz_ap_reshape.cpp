@@ -1,9 +1,9 @@
 /*
  * Fuzzes the re-shaping of the utility script's "WifiInfo" and
- * "GuestNetworkInfo" answers into status replies: addRadioStatusObjects
- * ("vekGetRadioStatus"), add_radio_objects ("vekGetStatus" and the
- * periodic status update) and addGuestNetworkObjects
- * ("vekGetGuestNetworkStatus").
+ * "GuestNetworkInfo" answers into status replies: addRadioObjects in
+ * RADIO_STATUS_ORDER ("vekGetRadioStatus") and in STATUS_UPDATE_ORDER
+ * ("vekGetStatus" and the periodic status update), and
+ * addGuestNetworkObjects ("vekGetGuestNetworkStatus").
  *
  * Input: the answer, up to a NUL byte; each of the three is run on it.
  *
@@ -41,8 +41,7 @@
 #include <cstring>
 #include <string>
 
-#include "client/ap_status.h"
-#include "client/status_updates.h"
+#include "client/script_answers.h"
 
 namespace {
 
@@ -158,8 +157,8 @@ void check(const char *answer, const cJSON *info, Shape shape)
     cJSON *container = cJSON_CreateObject();
     int ret;
     switch (shape) {
-    case RADIO_STATUS: ret = addRadioStatusObjects(container, answer); break;
-    case STATUS_UPDATE: ret = add_radio_objects(container, answer); break;
+    case RADIO_STATUS: ret = addRadioObjects(container, answer, RADIO_STATUS_ORDER); break;
+    case STATUS_UPDATE: ret = addRadioObjects(container, answer, STATUS_UPDATE_ORDER); break;
     default: ret = addGuestNetworkObjects(container, answer); break;
     }
     int want = 0;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "json/accessors.h"
+#include "client/script_answers.h"
 #include "client/status_updates.h"
 #include "test_support.h"
 #include "util/shell.h"
@@ -27,7 +28,7 @@ TEST(MemoryAlarm, QuotientOfUsedOverAllKilobytes)
 static std::string radios(const char *wifiInfo, int *result)
 {
     cJSON *container = jsonCreateObject();
-    *result = add_radio_objects(container, wifiInfo);
+    *result = addRadioObjects(container, wifiInfo, STATUS_UPDATE_ORDER);
     char *text = jsonPrint(container);
     std::string out = text;
     jsonFreeText(text);
