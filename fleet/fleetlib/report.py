@@ -188,7 +188,7 @@ def build(runner, final, devices, timeline, cpu):
 
 
 def scenario_options(o):
-    keys = {"steady": ("duration", "probe_every"),
+    keys = {"steady": ("duration", "probe_every", "probe_spread"),
             "restart": ("outage", "outage_mode", "settle"),
             "rolling-reboot": ("reboot_batch", "reboot_interval"),
             "net-loss": ("net_loss", "net_loss_fraction")}.get(o.scenario, ())

@@ -61,6 +61,7 @@ class Runner:
         self.switch = None
         self.server_proc = None
         self.control = None
+        self.monitor_control = None
         self.forward_proc = None
         self.shared = None
         self.interrupt = threading.Event()   # Ctrl-C, SIGTERM, SIGHUP
@@ -138,6 +139,9 @@ class Runner:
         if not line.startswith("ready"):
             raise RuntimeError("the fleet server did not start")
         self.control = Control(sock).connect()
+        # the monitor's own connection: a request round may hold the other
+        # for as long as it spreads its sends
+        self.monitor_control = Control(sock).connect()
         self.note("bundled device server at %s" % line.split()[1])
 
     def start_forward(self):
@@ -270,8 +274,8 @@ class Runner:
         while not self.done.is_set():
             t = time.time()
             try:
-                if self.control is not None:
-                    self.server_counts = self.control.call("counts")
+                if self.monitor_control is not None:
+                    self.server_counts = self.monitor_control.call("counts")
             except Exception as exc:
                 self.errors.append("counts: %s" % exc)
             for d in self.devices:
@@ -372,21 +376,25 @@ class Runner:
         return ok
 
     # ---- request rounds (bundled server) --------------------------------------------
-    def probe(self, label, method="dxGetAbout", wait=None):
+    def probe(self, label, method="dxGetAbout", wait=None, spread=0.0):
         """Sends `method` to every connected device and waits for the
         replies: per-device round trip, and for dxGetAbout whether each
-        answered with its own MAC."""
+        answered with its own MAC.  spread: the sends go out evenly over
+        this many seconds instead of at once."""
         if not self.bundled:
             return None
         rid = "%s-%d" % (label, int(time.time()))
-        sent = self.control.call("request_all", method=method, params={"deviceId": None}, id=rid)
+        sent = self.control.call("request_all", method=method, params={"deviceId": None},
+                                 id=rid, spread=spread)
         n = len(sent["sent"])
         wait = wait if wait is not None else self.o.reply_timeout
         self.wait_for(lambda: self._answered(rid) >= n, wait)
         res = self.request_stats(rid, method, sent)
+        res["spread_s"] = spread
         self.probes.append(res)
-        self.note("%s: %s to %d devices, %d answered, median %s ms, p90 %s ms%s" % (
-            label, method, n, res["answered"], res["rtt_ms"]["median"], res["rtt_ms"]["p90"],
+        self.note("%s: %s to %d devices%s, %d answered, median %s ms, p90 %s ms%s" % (
+            label, method, n, (" over %.0f s" % spread) if spread else " at once",
+            res["answered"], res["rtt_ms"]["median"], res["rtt_ms"]["p90"],
             "" if not res["wrong"] else ", %d with a wrong MAC" % len(res["wrong"])))
         return res
 
@@ -420,18 +428,34 @@ class Runner:
 
     # ---- scenarios -----------------------------------------------------------------
     def scenario_steady(self):
+        """--duration seconds; a dxGetAbout round every --probe-every
+        seconds, its sends spread over --probe-spread seconds (0: at once);
+        the last round at once."""
         self.phase = "steady"
         end = time.monotonic() + self.o.duration
-        self.probe("probe")
+        rounds = []
         while True:
+            t = time.monotonic()
+            if end - t <= 1:
+                break
+            spread = min(self.o.probe_spread, max(0.0, end - t - 1))
+            rounds.append(self.probe("probe", spread=spread))
             left = end - time.monotonic()
             if left <= 0:
                 break
-            self.sleep(min(left, self.o.probe_every))
-            if end - time.monotonic() > 1:
-                self.probe("probe")
+            self.sleep(min(left, max(0.0, t + self.o.probe_every - time.monotonic())))
+        self.steady_until = time.time()
+        self.cpu_until = accounting.take_sample()
         self.probe("final")
-        self.scenario_result = {"duration_s": self.o.duration}
+        rtts = [x for r in rounds if r for x in r["rtts_ms"]]
+        self.scenario_result = {
+            "duration_s": self.o.duration, "rounds": len(rounds),
+            "probe_spread_s": self.o.probe_spread,
+            "answered": sum(r["answered"] for r in rounds if r),
+            "sent": sum(r["sent"] for r in rounds if r),
+            "rtt_ms": {"median": _r(percentile(rtts, 0.5)), "p90": _r(percentile(rtts, 0.9)),
+                       "p99": _r(percentile(rtts, 0.99)),
+                       "max": _r(max(rtts) if rtts else None)}}
 
     def scenario_restart(self):
         if not self.bundled:
@@ -511,30 +535,38 @@ class Runner:
                 group = [d for d in self.devices[i:i + batch] if d.state == "running"]
                 at = time.time()
                 for d, err in zip(group, pool.map(_reboot, group)):
-                    rebooted.append((d.mac, at, err))
+                    rebooted.append((d.mac, at, err, d.started_at))
                 self.summary.progress("rebooting", min(i + batch, len(self.devices)),
                                       len(self.devices))
                 self.sleep(self.o.reboot_interval)
         self.phase = "after the reboots"
         self.wait_connected(self.o.reconnect_timeout)
         devices = self.control.call("devices") if self.bundled else {}
-        downtimes = []
-        for mac, at, err in rebooted:
+        # from the connection's loss after `reboot` to the first connection
+        # of the agent started at boot; connections the server saw in
+        # between (the stopping agent reconnects until it is killed)
+        downtimes, between, after_boot = [], [], []
+        for mac, at, err, booted in rebooted:
             dev = devices.get(mac)
-            if not dev:
+            if not dev or err:
                 continue
             closes = [c for c in dev["closed"] if c >= at]
-            opens = [o for o in dev["opened"] if closes and o > closes[0]]
+            opens = [o for o in dev["opened"] if o >= booted]
             if closes and opens:
                 downtimes.append(opens[0] - closes[0])
+                after_boot.append(opens[0] - booted)
+                between.append(len([o for o in dev["opened"] if closes[0] < o < booted]))
         self.probe("after")
         self.scenario_result = {
             "batch": batch, "interval_s": self.o.reboot_interval,
-            "rebooted": len(rebooted), "failed": [m for m, _, e in rebooted if e],
+            "rebooted": len(rebooted), "failed": [m for m, _, e, _ in rebooted if e],
             "took_s": round(time.time() - t0, 1),
             "downtime_s": {"median": _r(percentile(downtimes, 0.5)),
                            "p90": _r(percentile(downtimes, 0.9)),
-                           "max": _r(max(downtimes) if downtimes else None)}}
+                           "max": _r(max(downtimes) if downtimes else None)},
+            "connected_after_boot_s": {"median": _r(percentile(after_boot, 0.5)),
+                                       "max": _r(max(after_boot) if after_boot else None)},
+            "connections_while_going_down": sum(between)}
 
     def scenario_net_loss(self):
         self.phase = "network loss"

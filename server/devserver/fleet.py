@@ -99,7 +99,17 @@ class FleetState(object):
         self.messages = 0
         self.bytes_in = 0
         self._lock = threading.Lock()
+        self._closing = threading.Event()
+        self._returns = []          # the threads that bring the server back
         server.add_observer(self)
+
+    def close(self):
+        """No coming back any more: a server away stays away (its
+        return thread ends without listening again).  Before the server
+        stops."""
+        self._closing.set()
+        for t in list(self._returns):
+            t.join(15)
 
     def _device(self, mac):
         dev = self.devices.get(mac)
@@ -159,11 +169,15 @@ class FleetState(object):
 
     # ----- hooks ------------------------------------------------------------
 
-    def request_all(self, method, params=None, rid=None, macs=None, timeout=30.0):
+    def request_all(self, method, params=None, rid=None, macs=None, timeout=30.0,
+                    spread=0.0):
         """Sends the request to every connected device (or those of macs
         that are connected), "deviceId": None in params being each one's
         MAC; returns {"id", "sent": [macs], "skipped": [macs not connected],
-        "sent_at": first, "took": seconds the sending took}."""
+        "sent_at": first, "took": seconds the sending took}.  spread:
+        the sends are spread evenly over this many seconds (a server's
+        everyday traffic) instead of going out at once (a burst); the call
+        returns once the last has gone."""
         rid = rid or "fleet-%d" % int(time.time() * 1000)
         with self._lock:
             targets = []
@@ -178,7 +192,11 @@ class FleetState(object):
 
         async def send_all():
             sent = []
-            for mac, conn in targets:
+            step = spread / len(targets) if targets and spread > 0 else 0.0
+            start = time.monotonic()
+            for k, (mac, conn) in enumerate(targets):
+                if step:
+                    await asyncio.sleep(max(0.0, start + k * step - time.monotonic()))
                 p = dict(params or {})
                 if "deviceId" in p and p["deviceId"] is None:
                     p["deviceId"] = mac
@@ -197,7 +215,7 @@ class FleetState(object):
             return sent
 
         started = time.time()
-        sent = self.server._call(send_all(), timeout)
+        sent = self.server._call(send_all(), timeout + spread)
         return {"id": rid, "sent": sent, "skipped": skipped, "sent_at": started,
                 "took": time.time() - started}
 
@@ -261,12 +279,23 @@ class FleetState(object):
         self.server._submit(end_all())
 
         def come_back():
-            time.sleep(max(0.0, went + seconds - time.time()))
-            self.server.resume()
+            if self._closing.wait(max(0.0, went + seconds - time.time())):
+                return
+            if getattr(self.server, "_loop", None) is None:
+                return              # stopped meanwhile (stop() without close())
+            try:
+                self.server.resume()
+            except Exception:
+                # stopped while it resumed: it stays away
+                if self._closing.is_set() or getattr(self.server, "_loop", None) is None:
+                    return
+                raise
             with self._lock:
                 record[1] = time.time()
 
-        threading.Thread(target=come_back, name="fleet-back", daemon=True).start()
+        t = threading.Thread(target=come_back, name="fleet-back", daemon=True)
+        self._returns = [x for x in self._returns if x.is_alive()] + [t]
+        t.start()
         return {"went": went, "back_at": went + seconds, "mode": mode}
 
     def counts(self):
@@ -341,7 +370,7 @@ def _command(state, cmd, stop):
         return state.counts()
     if name == "request_all":
         return state.request_all(cmd["method"], cmd.get("params"), cmd.get("id"),
-                                 cmd.get("macs"))
+                                 cmd.get("macs"), spread=float(cmd.get("spread", 0.0)))
     if name == "replies":
         return state.replies(cmd["id"])
     if name == "go_away":
@@ -385,5 +414,6 @@ def main(argv=None):
             pass
     finally:
         listener.close()
+        state.close()
         server.stop()
     return 0

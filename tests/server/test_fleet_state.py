@@ -6,6 +6,7 @@ import json
 import os
 import socket
 import subprocess
+import threading
 import time
 
 import pytest
@@ -35,6 +36,7 @@ def fleet():
     yield srv, state, agents
     for a in agents:
         a.close()
+    state.close()
     srv.stop()
 
 
@@ -141,6 +143,38 @@ def test_drop_mode_resets_every_connection(fleet):
     assert [c.close_sent_code for c in srv.connections] == [None] * 3
 
 
+@pytest.fixture
+def thread_errors():
+    """Exceptions that end a thread (pytest would only warn of them)."""
+    errors = []
+    old = threading.excepthook
+    threading.excepthook = lambda args: errors.append(args.exc_value)
+    yield errors
+    threading.excepthook = old
+
+
+def test_a_server_stopped_while_away_stays_stopped(thread_errors):
+    srv = device_server.DeviceServer(ping_interval=None, echo=False, retain=False)
+    srv.start()
+    state = FleetState(srv)
+    state.go_away(0.3)
+    srv.stop()
+    back = state._returns[-1]
+    back.join(20)
+    assert not back.is_alive()
+    assert thread_errors == []
+    assert state.counts()["away"][-1][1] is None
+
+
+def test_closed_state_does_not_bring_the_server_back(fleet, thread_errors):
+    srv, state, agents = fleet
+    state.go_away(30)
+    state.close()
+    assert not state._returns[-1].is_alive()
+    assert not srv.listening and state.counts()["away"][-1][1] is None
+    assert thread_errors == []
+
+
 def test_the_control_socket(tmp_path):
     sock = str(tmp_path / "control.sock")
     proc = subprocess.Popen(["/usr/bin/python3", FLEET_SERVER, "--control", sock, "--port", "0",
@@ -167,9 +201,12 @@ def test_the_control_socket(tmp_path):
                                                                "'nonsense'"}
         assert call(cmd="stop") == {"ok": True, "data": {}}
         assert proc.wait(10) == 0
+        f.close()
+        c.close()
     finally:
         if agent is not None:
             agent.close()
         if proc.poll() is None:
             proc.kill()
             proc.wait()
+        proc.stdout.close()
