@@ -21,7 +21,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
-#include <vector>
 
 #include <atomic>
 
@@ -46,7 +45,7 @@ static const char kOwnTag[] = "korvat-cloud";
 /* ---- helpers ---- */
 
 static std::atomic<int> s_streaming{0};
-static std::string s_streamId;
+static char *s_streamId = NULL; /* NULL: "" */
 static pthread_mutex_t s_streamIdLock = PTHREAD_MUTEX_INITIALIZER;
 
 void setLogStreaming(int on)
@@ -61,23 +60,48 @@ int logStreaming(void)
 
 void setLogStreamId(const char *id)
 {
+    char *copy = strdup(id != NULL ? id : "");
     pthread_mutex_lock(&s_streamIdLock);
-    s_streamId = id != NULL ? id : "";
+    char *old = s_streamId;
+    s_streamId = copy;
     pthread_mutex_unlock(&s_streamIdLock);
+    free(old);
 }
 
-std::string logStreamId(void)
+char *logStreamId(void)
 {
     pthread_mutex_lock(&s_streamIdLock);
-    std::string id = s_streamId;
+    char *id = strdup(s_streamId != NULL ? s_streamId : "");
     pthread_mutex_unlock(&s_streamIdLock);
     return id;
 }
 
-std::string with_zone_colon(const std::string &text)
+/* Appends the length bytes of text to the used bytes of out (size bytes),
+ * as many as fit before the terminating zero. */
+static void appendCut(char *out, size_t size, size_t *used, const char *text, size_t length)
 {
-    size_t at = text.size() >= 2 ? text.size() - 2 : 0;
-    return text.substr(0, at) + ":" + text.substr(at);
+    size_t room = size - 1 - *used;
+    if (length > room)
+        length = room;
+    memcpy(out + *used, text, length);
+    *used += length;
+    out[*used] = '\0';
+}
+
+/* The length bytes of text as a terminated text in out, cut to fit. */
+static void copyCut(char *out, size_t size, const char *text, size_t length)
+{
+    size_t used = 0;
+    appendCut(out, size, &used, text, length);
+}
+
+void with_zone_colon(const char *text, size_t length, char *out, size_t size)
+{
+    size_t at = length >= 2 ? length - 2 : 0;
+    size_t used = 0;
+    appendCut(out, size, &used, text, at);
+    appendCut(out, size, &used, ":", 1);
+    appendCut(out, size, &used, text + at, length - at);
 }
 
 int parse_event_line(const char *line, EventRecord *rec)
@@ -97,14 +121,16 @@ int parse_event_line(const char *line, EventRecord *rec)
     const char *eventStart = event + strlen(" event:");
     if (dateStart > type || typeStart > event)
         return 0;
-    rec->number = atoi(std::string(number, dateTime).c_str());
-    rec->dateTime = with_zone_colon(std::string(dateStart, type));
-    rec->type = std::string(typeStart, event);
-    std::string text = eventStart;
+    /* atoi stops at the blank of " dateTime:" at the latest, so it reads
+     * the number field alone */
+    rec->number = atoi(number);
+    with_zone_colon(dateStart, (size_t)(type - dateStart), rec->dateTime, sizeof rec->dateTime);
+    copyCut(rec->type, sizeof rec->type, typeStart, (size_t)(event - typeStart));
+    size_t length = strlen(eventStart);
     /* the last character goes: the newline of a complete line */
-    if (!text.empty())
-        text.pop_back();
-    rec->event = text;
+    if (length > 0)
+        length--;
+    copyCut(rec->event, sizeof rec->event, eventStart, length);
     return 1;
 }
 
@@ -134,17 +160,16 @@ int parse_log_line(const char *line, LogLine *out)
     const char *colon = strstr(line + 14, ": ");
     if (colon == NULL)
         return 0;
-    std::string message = colon + 2;
-    for (char &c : message) {
-        if (c == '\n')
-            c = ' ';
-        else if (c == '"')
-            c = '\'';
-    }
     out->month = month;
-    out->day = std::string(line + 4, 2);
-    out->time = std::string(line + 7, 8);
-    out->message = message;
+    copyCut(out->day, sizeof out->day, line + 4, 2);
+    copyCut(out->time, sizeof out->time, line + 7, 8);
+    copyCut(out->message, sizeof out->message, colon + 2, strlen(colon + 2));
+    for (char *c = out->message; *c != '\0'; c++) {
+        if (*c == '\n')
+            *c = ' ';
+        else if (*c == '"')
+            *c = '\'';
+    }
     return 1;
 }
 
@@ -175,19 +200,21 @@ int log_line_is_own(const char *line)
     return rest < colon - 1;
 }
 
-/* The ISO date and time (zone "+HH:MM") of a capture line, from date. */
-static std::string isoTimeOf(const LogLine &line)
+/* The ISO date and time (zone "+HH:MM") of a capture line, from date,
+ * into iso (the date command's output is at most 64 bytes: the sizes
+ * below hold all of it). */
+static void isoTimeOf(const LogLine *line, char *iso, size_t size)
 {
     char when[64];
-    snprintf(when, sizeof when, "%02d.%s-%s", line.month, line.day.c_str(), line.time.c_str());
+    snprintf(when, sizeof when, "%02d.%s-%s", line->month, line->day, line->time);
+    /* when is at most 14 characters: quoted, at most 58 */
     char *word = shell_quote(when);
-    std::string cmd = std::string("date -d ") + word +
-                      " +'%Y-%m-%dT%H:%M:%S%z' | tr -d '\\n'";
+    char cmd[256];
+    snprintf(cmd, sizeof cmd, "date -d %s +'%%Y-%%m-%%dT%%H:%%M:%%S%%z' | tr -d '\\n'", word);
     free_text(word);
-    char *out = run_shell_command(cmd.c_str(), 64);
-    std::string iso = with_zone_colon(out);
+    char *out = run_shell_command(cmd, 64);
+    with_zone_colon(out, strlen(out), iso, size);
     free_text(out);
-    return iso;
 }
 
 /* ---- senders ---- */
@@ -217,28 +244,31 @@ void sendEventLogFrom(const char *path)
         printf("Func %s: File %s doesn't exist.\n", path, "sendEventLog");
         return;
     }
-    std::vector<EventRecord> records;
-    char line[1024];
+    /* the notification is made at the first event, each event added as
+     * its line is read */
+    cJSON *root = NULL;
+    cJSON *events = NULL;
+    char line[EVENT_LINE_SIZE];
+    EventRecord rec;
     while (fgets(line, sizeof line, in) != NULL) {
-        EventRecord rec;
-        if (parse_event_line(line, &rec))
-            records.push_back(rec);
-    }
-    fclose(in);
-    if (records.empty())
-        return;
-    cJSON *params = NULL;
-    cJSON *root = notificationEnvelope("dsEventNotifications", &params);
-    cJSON *events = jsonCreateArray();
-    jsonAddItem(params, "events", events);
-    for (const EventRecord &rec : records) {
+        if (!parse_event_line(line, &rec))
+            continue;
+        if (root == NULL) {
+            cJSON *params = NULL;
+            root = notificationEnvelope("dsEventNotifications", &params);
+            events = jsonCreateArray();
+            jsonAddItem(params, "events", events);
+        }
         cJSON *event = jsonCreateObject();
         jsonAddInt(event, "number", rec.number);
-        jsonAddString(event, "dateTime", rec.dateTime.c_str());
-        jsonAddString(event, "type", rec.type.c_str());
-        jsonAddString(event, "event", rec.event.c_str());
+        jsonAddString(event, "dateTime", rec.dateTime);
+        jsonAddString(event, "type", rec.type);
+        jsonAddString(event, "event", rec.event);
         jsonAddToArray(events, event);
     }
+    fclose(in);
+    if (root == NULL)
+        return;
     writeJsonEvent(root);
     run_system_command("echo \"\" > /tmp/cEvtLog");
 }
@@ -254,10 +284,10 @@ static int s_backlog = 0;
 
 /* The streamed result's envelope: {"jsonrpc","id","stream":true,
  * "result":{"deviceId","logs":[]}}; *logs set to the array. */
-static cJSON *streamResult(const std::string &id, cJSON **logs)
+static cJSON *streamResult(const char *id, cJSON **logs)
 {
     cJSON *root = initJsonRpcObject();
-    jsonAddString(root, "id", id.c_str());
+    jsonAddString(root, "id", id);
     cJSON_AddItemToObject(root, "stream", cJSON_CreateTrue());
     cJSON *result = jsonCreateObject();
     jsonAddItem(root, "result", result);
@@ -267,13 +297,13 @@ static cJSON *streamResult(const std::string &id, cJSON **logs)
     return root;
 }
 
-static cJSON *logObject(const std::string &dateTime, int level, const std::string &message)
+static cJSON *logObject(const char *dateTime, int level, const char *message)
 {
     cJSON *log = jsonCreateObject();
-    jsonAddString(log, "dateTime", dateTime.c_str());
+    jsonAddString(log, "dateTime", dateTime);
     jsonAddInt(log, "level", level);
     jsonAddString(log, "location", " ");
-    jsonAddString(log, "message", message.c_str());
+    jsonAddString(log, "message", message);
     return log;
 }
 
@@ -290,11 +320,19 @@ void sendStreamSysLog(int, int level, int, int)
     sendStreamSysLogFrom(kCaptureFile, level);
 }
 
+static void streamCapture(const char *path, const char *id, int level);
+
 void sendStreamSysLogFrom(const char *path, int level)
 {
-    std::string id = logStreamId();
-    if (!s_streaming || id.empty() || access(path, F_OK) != 0)
-        return;
+    char *id = logStreamId();
+    if (s_streaming && id != NULL && id[0] != '\0' && access(path, F_OK) == 0)
+        streamCapture(path, id, level);
+    free_text(id);
+}
+
+/* sendStreamSysLogFrom once the stream is known to be on, with its id. */
+static void streamCapture(const char *path, const char *id, int level)
+{
     FILE *in = fopen(path, "re");
     if (in == NULL) {
         printf("Func %s: File %s doesn't exist.\n", path, "sendStreamSysLog");
@@ -312,19 +350,21 @@ void sendStreamSysLogFrom(const char *path, int level)
     int ownLines = 0;
     int cut = 0;
     long consumed = s_captureOffset;
-    char line[1024];
+    char line[EVENT_LINE_SIZE];
+    LogLine parsed;
+    char dateTime[80];
     while (fgets(line, sizeof line, in) != NULL) {
         if (count >= STREAM_LINES_PER_TICK) {
             cut = 1;
             break;
         }
-        LogLine parsed;
         if (log_line_is_own(line)) {
             /* the agent's own output, logged by the service manager:
              * streaming it would feed every dump back into the stream */
             ownLines++;
         } else if (parse_log_line(line, &parsed)) {
-            cJSON *log = logObject(isoTimeOf(parsed), level, parsed.message);
+            isoTimeOf(&parsed, dateTime, sizeof dateTime);
+            cJSON *log = logObject(dateTime, level, parsed.message);
             size_t more = printedSize(log) + (count > 0 ? 1 : 0);
             if (count > 0 && size + more >= STREAM_MESSAGE_LIMIT) {
                 jsonDelete(log);

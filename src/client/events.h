@@ -6,12 +6,14 @@
  * sent by the maintenance timer's checks (see timer.h).  The envelope of
  * every notification (these and the periodic status updates) is made here.
  *
- * Ownership: the records the parsers fill are plain values of the caller.
+ * Ownership: the records the parsers fill are plain values of the caller;
+ * the stream id logStreamId() returns is a new heap text the caller
+ * releases with free_text() (util/text.h).
  */
 #ifndef KC_CLIENT_EVENTS_H
 #define KC_CLIENT_EVENTS_H
 
-#include <string>
+#include <stddef.h>
 
 struct cJSON;
 
@@ -23,17 +25,23 @@ struct cJSON;
  * queues the tree (or deletes it). */
 cJSON *notificationEnvelope(const char *method, cJSON **params);
 
+/* The senders read their files a line at a time into this many bytes
+ * (newline and terminating zero included): a longer line is read as
+ * several.  The text fields below hold any part of such a line. */
+#define EVENT_LINE_SIZE 1024
+
 /* ---- the event file ---- */
 
 struct EventRecord {
     int number;
-    std::string dateTime; /* the zone written "+08:00" */
-    std::string type;
-    std::string event;    /* the line's text after the label, last character dropped */
+    char dateTime[EVENT_LINE_SIZE + 1]; /* the zone written "+08:00" */
+    char type[EVENT_LINE_SIZE];
+    char event[EVENT_LINE_SIZE]; /* the line's text after the label, last character dropped */
 };
 
 /* 1 and rec filled when line holds "number:", " dateTime:", " type:" and
- * " event:" in this order; 0 (rec untouched) otherwise. */
+ * " event:" in this order; 0 (rec untouched) otherwise.  A field longer
+ * than its buffer (a line longer than the senders read) is cut to fit. */
 int parse_event_line(const char *line, EventRecord *rec);
 
 /* Sends the events of "/tmp/cEvtLog" as one notification (blocking on the
@@ -47,16 +55,18 @@ void sendEventLogFrom(const char *path);
 /* ---- the system-log capture ---- */
 
 struct LogLine {
-    int month;              /* 1 to 12 */
-    std::string day;        /* the two characters at positions 4 and 5 */
-    std::string time;       /* the eight characters from position 7 */
-    std::string message;    /* after the first ": " from position 14; every
-                               newline a blank, every double quote a single
-                               quote */
+    int month;                      /* 1 to 12 */
+    char day[3];                    /* the two characters at positions 4 and 5 */
+    char time[9];                   /* the eight characters from position 7 */
+    char message[EVENT_LINE_SIZE];  /* after the first ": " from position 14;
+                                       every newline a blank, every double
+                                       quote a single quote */
 };
 
 /* 1 and out filled for a capture line with a known month and a message;
- * 0 otherwise (a line without a month name is reported in debug output). */
+ * 0 otherwise (a line without a month name is reported in debug output).
+ * A message longer than its buffer (a line longer than the senders read)
+ * is cut to fit. */
 int parse_log_line(const char *line, LogLine *out);
 
 /* 1 for a capture line logged from the agent's own standard output (the
@@ -65,8 +75,10 @@ int parse_log_line(const char *line, LogLine *out);
  * be streamed again. */
 int log_line_is_own(const char *line);
 
-/* "+0100" as "+01:00": ":" before the last two characters. */
-std::string with_zone_colon(const std::string &text);
+/* "+0100" as "+01:00": the length characters of text with ":" before the
+ * last two, written to out (size bytes, size > 0): cut to fit and always
+ * terminated.  size = length + 2 holds the whole result. */
+void with_zone_colon(const char *text, size_t length, char *out, size_t size);
 
 /* A streamed result takes at most this many capture lines, and its text
  * stays below this many bytes (64 KiB); the lines beyond go in the next
@@ -87,8 +99,10 @@ void sendStreamSysLogFrom(const char *path, int level);
 
 void setLogStreaming(int on);
 int logStreaming(void);
-/* The "id" text of the request that started streaming ("" for none). */
+/* The "id" text of the request that started streaming ("" for none).
+ * logStreamId() returns a copy (NULL when memory ran out), released with
+ * free_text(). */
 void setLogStreamId(const char *id);
-std::string logStreamId(void);
+char *logStreamId(void);
 
 #endif

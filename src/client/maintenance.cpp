@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <unistd.h>
 
 #include "client/reply.h"
@@ -35,21 +34,22 @@
 /* ---- helpers ---- */
 
 /*
- * The request "id" as the log stream keeps it: a string as it is, a number
+ * Keeps the request "id" as the log stream's: a string as it is, a number
  * as its decimal text (cJSON's printing: 7 gives "7", 2.5 gives "2.5");
  * anything else as "" (no stream).
  */
-static std::string streamIdText(const cJSON *request)
+static void keepStreamId(const cJSON *request)
 {
     const cJSON *id = jsonGetItem(request, "id");
-    if (cJSON_IsString(id))
-        return id->valuestring;
-    if (!cJSON_IsNumber(id))
-        return "";
-    char *text = jsonPrint(id);
-    std::string copy = text != NULL ? text : "";
-    jsonFreeText(text);
-    return copy;
+    if (cJSON_IsString(id)) {
+        setLogStreamId(id->valuestring);
+    } else if (cJSON_IsNumber(id)) {
+        char *text = jsonPrint(id);
+        setLogStreamId(text != NULL ? text : "");
+        jsonFreeText(text);
+    } else {
+        setLogStreamId("");
+    }
 }
 
 /* ---- handlers ---- */
@@ -110,7 +110,7 @@ void dxStreamSystemLogsHandler(const cJSON *request)
         replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
-    setLogStreamId(streamIdText(request).c_str());
+    keepStreamId(request);
     KC_DEBUG("=== END ===\n");
 }
 

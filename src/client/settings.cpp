@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <unistd.h>
 
 #include "client/reply.h"
@@ -39,15 +38,26 @@
  * text, which is what a sent tree is matched against. */
 static pthread_mutex_t s_pendingLock = PTHREAD_MUTEX_INITIALIZER;
 static const cJSON *s_pendingReply = NULL;
-static std::string s_pendingId;
+static char *s_pendingId = NULL; /* NULL: "" */
+
+/* Empties the pending slot; s_pendingLock held. */
+static void clearPendingLocked(void)
+{
+    s_pendingReply = NULL;
+    free(s_pendingId);
+    s_pendingId = NULL;
+}
 
 void setPendingAckReply(const cJSON *reply)
 {
     const char *id = jsonGetString(reply, "id");
+    char *copy = strdup(id != NULL ? id : "");
     pthread_mutex_lock(&s_pendingLock);
+    char *old = s_pendingId;
     s_pendingReply = reply;
-    s_pendingId = id != NULL ? id : "";
+    s_pendingId = copy;
     pthread_mutex_unlock(&s_pendingLock);
+    free(old);
 }
 
 const cJSON *pendingAckReply(void)
@@ -61,10 +71,8 @@ const cJSON *pendingAckReply(void)
 void abandonPendingAckReply(const cJSON *reply)
 {
     pthread_mutex_lock(&s_pendingLock);
-    if (s_pendingReply == reply) {
-        s_pendingReply = NULL;
-        s_pendingId.clear();
-    }
+    if (s_pendingReply == reply)
+        clearPendingLocked();
     pthread_mutex_unlock(&s_pendingLock);
 }
 
@@ -74,11 +82,10 @@ int pendingAckReplySent(const cJSON *sent)
     if (id == NULL)
         return 0; /* notifications never match */
     pthread_mutex_lock(&s_pendingLock);
-    int match = s_pendingReply != NULL && s_pendingId == id;
-    if (match) {
-        s_pendingReply = NULL;
-        s_pendingId.clear();
-    }
+    int match = s_pendingReply != NULL &&
+                strcmp(s_pendingId != NULL ? s_pendingId : "", id) == 0;
+    if (match)
+        clearPendingLocked();
     pthread_mutex_unlock(&s_pendingLock);
     return match;
 }
@@ -172,8 +179,9 @@ static int write_network_settings(const NetworkSettings *settings)
     uci_set("network.lan.netmask", settings->subnetMask);
     uci_set("network.lan.gateway", settings->defaultGateway);
     uci_set("network.lan.proto", settings->dhcpEnabled != 0 ? "dhcp" : "static");
-    std::string dns = std::string(settings->dnsServer1) + " " + settings->dnsServer2;
-    uci_set("network.lan.dns", dns.c_str());
+    char dns[sizeof settings->dnsServer1 + 1 + sizeof settings->dnsServer2];
+    snprintf(dns, sizeof dns, "%s %s", settings->dnsServer1, settings->dnsServer2);
+    uci_set("network.lan.dns", dns);
     uci_set("dhcp.@dnsmasq[0].resolvfile",
             settings->autoResolver == 1 ? kAutoResolvFile : kFixedResolvFile);
     return 0;

@@ -136,9 +136,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             continue;
         cJSON *event = cJSON_CreateObject();
         cJSON_AddNumberToObject(event, "number", rec.number);
-        cJSON_AddStringToObject(event, "dateTime", rec.dateTime.c_str());
-        cJSON_AddStringToObject(event, "type", rec.type.c_str());
-        cJSON_AddStringToObject(event, "event", rec.event.c_str());
+        cJSON_AddStringToObject(event, "dateTime", rec.dateTime);
+        cJSON_AddStringToObject(event, "type", rec.type);
+        cJSON_AddStringToObject(event, "event", rec.event);
         cJSON_AddItemToArray(events, event);
     }
     bool any = cJSON_GetArraySize(events) > 0;

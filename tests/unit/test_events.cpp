@@ -37,8 +37,8 @@ TEST(LogLine, TheMessageStartsAfterTheFirstColonAndBlankFromPosition14)
     LogLine out;
     ASSERT_EQ(1, parse_log_line("Nov 15 23:12:24 VK310 user.notice root: say \"hi\"\n", &out));
     EXPECT_EQ(11, out.month);
-    EXPECT_EQ("15", out.day);
-    EXPECT_EQ("23:12:24", out.time);
-    EXPECT_EQ("say 'hi' ", out.message);
+    EXPECT_STREQ("15", out.day);
+    EXPECT_STREQ("23:12:24", out.time);
+    EXPECT_STREQ("say 'hi' ", out.message);
     EXPECT_EQ(0, parse_log_line("Foo 15 23:12:25 VK310 user.notice root: not a month\n", &out));
 }
