@@ -91,9 +91,9 @@ def test_makefile_evaluated(tmp_path):
     assert info["Version"] == project_version() + "-1"
     assert info["Section"] == "net" and info["Category"] == "Network"
     assert info["Title"]
-    # libpthread is part of musl's libc: an empty package, gone from OpenWrt
-    assert info["Depends"].split() == ["+libopenssl", "+cJSON",
-                                       "+libminiupnpc", "+libstdcpp"]
+    # libpthread is part of musl's libc: an empty package, gone from OpenWrt;
+    # the agent needs no C++ runtime (tests/build/test_runtime_libraries.py)
+    assert info["Depends"].split() == ["+libopenssl", "+cJSON", "+libminiupnpc"]
     assert info["Install"] == "1"
     opts = info["CMake-Options"].split()
     assert "-DKC_TESTS=OFF" in opts and "-DKC_FUZZ=OFF" in opts
