@@ -73,6 +73,7 @@ def wave_from_delays(delays, n):
             "peak_per_s": max(per_s.values()) if per_s else 0,
             "peak_per_100ms": max(per_100ms.values()) if per_100ms else 0,
             "per_second": [[k, per_s[k]] for k in sorted(per_s)],
+            "per_100ms": [[k / 10.0, per_100ms[k]] for k in sorted(per_100ms)],
             "t50_s": _time_to_fraction(delays, n, 0.5),
             "t90_s": _time_to_fraction(delays, n, 0.9),
             "t99_s": _time_to_fraction(delays, n, 0.99),
@@ -102,6 +103,47 @@ def seed_groups(devices, before=None):
     return {"devices": sum(sizes), "distinct_keys": len(sizes),
             "largest_group": sizes[0] if sizes else 0,
             "group_sizes": [[k, hist[k]] for k in sorted(hist, reverse=True)]}
+
+
+def seed_groups_after(devices, back):
+    """The same as seed_groups for each device's first handshake after
+    the server's return at `back`: devices back within the same second
+    of the clock send the same key."""
+    groups = {}
+    for mac, d in devices.items():
+        pairs = [p for p in zip(d["opened"], d["keys"]) if p[0] >= back]
+        if pairs:
+            groups.setdefault(pairs[0][1], []).append(mac)
+    sizes = sorted((len(v) for v in groups.values()), reverse=True)
+    return {"devices": sum(sizes), "distinct_keys": len(sizes),
+            "largest_group": sizes[0] if sizes else 0}
+
+
+def backoff_groups(sleeps):
+    """From each device's sleeps (mac -> [seconds]): the random
+    back-off (60 to 119 s, drawn once the fixed interval has run out)
+    each device drew, and how many devices drew the same sequence.
+    Independent generators would give every device its own."""
+    drawn = {mac: [x for x in xs if 60 <= x <= 119] for mac, xs in sleeps.items()}
+    drawn = {mac: xs for mac, xs in drawn.items() if xs}
+    draws = [len(xs) for xs in drawn.values()]
+    # compared over the draws every device made (one that got in earlier
+    # drew fewer)
+    m = min(draws) if draws else 0
+    seqs = {}
+    for mac, xs in drawn.items():
+        seqs.setdefault(tuple(xs[:m]), []).append(mac)
+    sizes = sorted((len(v) for v in seqs.values()), reverse=True)
+    hist = {}
+    for n in sizes:
+        hist[n] = hist.get(n, 0) + 1
+    biggest = max(seqs.items(), key=lambda kv: len(kv[1]))[0] if seqs else ()
+    return {"devices": sum(sizes), "distinct_sequences": len(sizes),
+            "largest_group": sizes[0] if sizes else 0,
+            "group_sizes": [[k, hist[k]] for k in sorted(hist, reverse=True)],
+            "draws_per_device": {"min": m or None, "max": max(draws) if draws else None},
+            "compared_draws": m,
+            "largest_group_sequence": list(biggest)}
 
 
 def problems_of(doc):
@@ -259,7 +301,14 @@ def plot(doc, path):
     import matplotlib
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
-    fig, ax = plt.subplots(figsize=(10, 5), dpi=100)
+    res = doc["scenario"].get("result") or {}
+    w = res.get("wave")
+    if w and w.get("delays_s"):
+        fig, (ax, hx) = plt.subplots(2, 1, figsize=(10, 7.5), dpi=100,
+                                     gridspec_kw={"height_ratios": [2, 1]})
+        _wave_histogram(hx, w, res)
+    else:
+        fig, ax = plt.subplots(figsize=(10, 5), dpi=100)
     xs, ys = connected_series(doc)
     ax.step(xs, ys, where="post", color="tab:blue", label="connected")
     ax.set_xlabel("seconds since the fleet started")
@@ -273,14 +322,12 @@ def plot(doc, path):
         ax2.set_ylabel("connections opened per second", color="tab:orange")
         ax2.set_ylim(0, max(per.values()) * 1.25 + 1)
     t0 = doc["started"]
-    res = doc["scenario"].get("result") or {}
     for went, back, label in _spans(res):
         ax.axvspan(went - t0, back - t0, color="grey", alpha=0.2, label=label)
     s = doc["summary"]
     title = "korvat-cloud fleet: %d devices, %s" % (doc["fleet"]["devices"], doc["scenario"]["name"])
     if doc["fleet"].get("shards"):
         title += " (%d shards merged)" % len(doc["fleet"]["shards"])
-    w = res.get("wave")
     if w:
         title += "\npeak %s connections/s, 99 %% back %s s after the server's return" % (
             w["peak_per_s"], w["t99_s"])
@@ -294,6 +341,27 @@ def plot(doc, path):
     fig.tight_layout(rect=(0, 0.03, 1, 1))
     fig.savefig(path)
     plt.close(fig)
+
+
+def _wave_histogram(ax, w, res):
+    """Devices back per 100 ms after the server's return."""
+    delays = w["delays_s"]
+    top = max(delays) if delays else 1.0
+    bins = [i / 10.0 for i in range(int(top * 10) + 2)]
+    ax.hist(delays, bins=bins, color="tab:green")
+    ax.set_xlabel("seconds after the server's return (100 ms bins)")
+    ax.set_ylabel("devices back")
+    text = "%d devices back, peak %s in 100 ms" % (w["back"], w.get("peak_per_100ms"))
+    after = res.get("seed_groups_after")
+    if after:
+        text += "; their handshakes: %d distinct keys (clock-seeded generator)" % (
+            after["distinct_keys"])
+    b = res.get("backoff")
+    if b and b.get("devices"):
+        text += "\nrandom back-off: %d devices, %d distinct sequences, largest group %d" % (
+            b["devices"], b["distinct_sequences"], b["largest_group"])
+    ax.set_title(text, fontsize=9)
+    ax.grid(True, alpha=0.3)
 
 
 def _spans(res):
@@ -473,4 +541,9 @@ def _merge_scenario(name, results):
             "seed_groups": {"devices": sum(s["devices"] for s in seeds),
                             "distinct_keys": sum(s["distinct_keys"] for s in seeds),
                             "largest_group": max([s["largest_group"] for s in seeds] or [0])},
+            "seed_groups_after": {
+                "devices": sum(r["seed_groups_after"]["devices"] for r in results
+                               if r.get("seed_groups_after")),
+                "distinct_keys": sum(r["seed_groups_after"]["distinct_keys"] for r in results
+                                     if r.get("seed_groups_after"))},
             "shards": [{"went": r.get("went"), "back": r.get("back")} for r in results]}

@@ -464,14 +464,16 @@ class Runner:
         self.phase = "before the restart"
         self.probe("before")
         self.sleep(self.o.settle)
-        # requests the agents take just before the server goes: their
-        # replies wait in the agents' queues during the outage
+        # a request right before each connection's close frame: the
+        # agents take it and its reply waits in their queues during the
+        # outage
         rid = "queued-%d" % int(time.time())
-        sent = self.control.call("request_all", method="dxGetAbout", params={"deviceId": None},
-                                 id=rid)
         self.steady_until = time.time()
         self.cpu_until = accounting.take_sample()
-        away = self.control.call("go_away", seconds=self.o.outage, mode=self.o.outage_mode)
+        away = self.control.call("go_away", seconds=self.o.outage, mode=self.o.outage_mode,
+                                 request={"method": "dxGetAbout",
+                                          "params": {"deviceId": None}, "id": rid})
+        sent = {"sent": away["sent"], "skipped": away["skipped"]}
         self.phase = "server away"
         self.note("server away for %.0f s (%d requests in flight)" % (self.o.outage,
                                                                       len(sent["sent"])))
@@ -499,7 +501,28 @@ class Runner:
         self.scenario_result = {"outage_s": self.o.outage, "mode": self.o.outage_mode,
                                 "went": away["went"], "back": back,
                                 "wave": wave, "queued": queued,
-                                "seed_groups": report.seed_groups(devices, away["went"])}
+                                "seed_groups": report.seed_groups(devices, away["went"]),
+                                "seed_groups_after": report.seed_groups_after(devices, back)}
+        if self.o.fastsleep:
+            self.scenario_result["backoff"] = report.backoff_groups(self.sleep_logs())
+            b = self.scenario_result["backoff"]
+            self.note("random back-off: %d devices drew it, %d distinct sequences, "
+                      "the largest shared by %d" % (b["devices"], b["distinct_sequences"],
+                                                    b["largest_group"]))
+
+    def sleep_logs(self):
+        """Each device's sleeps as the fastsleep shim logged them
+        (seconds the agent asked for, in order)."""
+        import safefs
+        out = {}
+        for d in self.devices:
+            try:
+                text = safefs.read_bytes(d.run, "tmp/fastsleep.log").decode()
+            except (OSError, ValueError):
+                continue
+            out[d.mac] = [int(w[1]) for w in (l.split() for l in text.splitlines())
+                          if len(w) == 2 and w[0] == "sleep" and w[1].isdigit()]
+        return out
 
     def queued_stats(self, rid, sent):
         got = self.control.call("replies", id=rid)

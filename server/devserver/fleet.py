@@ -25,7 +25,8 @@ runner over a Unix socket: one JSON object a line each way.
     {"cmd": "request_all", "method": M, "params": {...}, "id": ID}
           ("deviceId": null in params is each device's own MAC)
     {"cmd": "replies", "id": ID}
-    {"cmd": "go_away", "seconds": T}
+    {"cmd": "go_away", "seconds": T, "mode": "close"|"drop",
+     "request": {"method": M, "params": {...}, "id": ID}}
     {"cmd": "devices"}          {"cmd": "timeline"}          {"cmd": "stop"}
 """
 import asyncio
@@ -197,27 +198,34 @@ class FleetState(object):
             for k, (mac, conn) in enumerate(targets):
                 if step:
                     await asyncio.sleep(max(0.0, start + k * step - time.monotonic()))
-                p = dict(params or {})
-                if "deviceId" in p and p["deviceId"] is None:
-                    p["deviceId"] = mac
-                text = json.dumps({"jsonrpc": "2.0", "id": rid, "method": method,
-                                   "params": p}, separators=(",", ":"))
-                at = time.time()
-                try:
-                    self.server._note_sent(conn, text)
-                    await conn.link.send(text)
-                except (ConnectionError, OSError):
+                if await self._send_request(mac, conn, method, params, rid):
+                    sent.append(mac)
+                else:
                     skipped.append(mac)
-                    continue
-                with self._lock:
-                    self.devices[mac].requests[rid] = (at, conn.index)
-                sent.append(mac)
             return sent
 
         started = time.time()
         sent = self.server._call(send_all(), timeout + spread)
         return {"id": rid, "sent": sent, "skipped": skipped, "sent_at": started,
                 "took": time.time() - started}
+
+    async def _send_request(self, mac, conn, method, params, rid):
+        """(loop thread) The request to one device; False when its
+        connection failed."""
+        p = dict(params or {})
+        if "deviceId" in p and p["deviceId"] is None:
+            p["deviceId"] = mac
+        text = json.dumps({"jsonrpc": "2.0", "id": rid, "method": method,
+                           "params": p}, separators=(",", ":"))
+        at = time.time()
+        try:
+            self.server._note_sent(conn, text)
+            await conn.link.send(text)
+        except (ConnectionError, OSError):
+            return False
+        with self._lock:
+            self.devices[mac].requests[rid] = (at, conn.index)
+        return True
 
     def replies(self, rid):
         """{mac: {"sent": time, "sent_conn": index, "replies": [[time, conn
@@ -233,7 +241,7 @@ class FleetState(object):
                             "replies": [list(r) for r in dev.replies.get(rid, [])]}
             return out
 
-    def go_away(self, seconds, grace=3.0, mode="close"):
+    def go_away(self, seconds, grace=3.0, mode="close", request=None):
         """The server goes away for `seconds` and comes back, as a server
         that is restarted: it stops listening (an agent's connect is
         refused) and ends every connection, then listens again `seconds`
@@ -243,8 +251,12 @@ class FleetState(object):
         read and recorded; a connection not closed within `grace` seconds
         is aborted.  mode "drop": every connection is aborted at once
         (TCP reset), as when the server's host fails: a frame an agent
-        sent at that moment is lost on the way.  Returns at once:
-        {"went": time, "back_at": planned}."""
+        sent at that moment is lost on the way.  request ({"method",
+        "params", "id"}): sent on each connection right before its close
+        frame (mode close), so that the reply can only leave the device
+        once it has reconnected.  Returns once the connections are being
+        closed: {"went": time, "back_at": planned} and, with a request,
+        "id", "sent" and "skipped" as request_all's."""
         if mode not in ("close", "drop"):
             raise ValueError("mode is close or drop")
         went = time.time()
@@ -253,18 +265,36 @@ class FleetState(object):
             record = self.away[-1]
         self.server.pause()
 
+        rid = None
+        if request is not None:
+            rid = request.get("id") or "fleet-%d" % int(went * 1000)
+        outcome = {"sent": [], "skipped": []}
+        begun = threading.Event()
+
         async def end_all():
-            links = [dev.conn.link for dev in list(self.devices.values())
-                     if dev.conn is not None and dev.conn.is_open]
+            targets = [(mac, dev.conn) for mac, dev in list(self.devices.items())
+                       if dev.conn is not None and dev.conn.is_open]
+            links = []
+            try:
+                if rid is not None:
+                    for mac, conn in targets:
+                        ok = await self._send_request(mac, conn, request["method"],
+                                                      request.get("params"), rid)
+                        outcome["sent" if ok else "skipped"].append(mac)
+                        if mode == "close":
+                            # the close frame right behind the request
+                            links.append((conn.link, self._close_soon(conn.link)))
+                if mode == "close" and rid is None:
+                    links = [(conn.link, self._close_soon(conn.link)) for _, conn in targets]
+            finally:
+                begun.set()
             if mode == "drop":
-                for link in links:
-                    link.abort()
+                for _, conn in targets:
+                    conn.link.abort()
                 return
-            closing = []
-            for link in links:
-                try:
-                    closing.append(asyncio.ensure_future(link.close(1001, "going away")))
-                except Exception:           # closed meanwhile
+            closing = [task for _, task in links if task is not None]
+            for link, task in links:
+                if task is None:
                     link.abort()
             if closing:
                 await asyncio.wait(closing, timeout=grace)
@@ -273,10 +303,11 @@ class FleetState(object):
                     task.cancel()
                 elif not task.cancelled():
                     task.exception()        # (a connection closed meanwhile)
-            for link in links:
+            for link, _ in links:
                 link.abort()                # those still there
 
         self.server._submit(end_all())
+        begun.wait(30.0)
 
         def come_back():
             if self._closing.wait(max(0.0, went + seconds - time.time())):
@@ -296,7 +327,19 @@ class FleetState(object):
         t = threading.Thread(target=come_back, name="fleet-back", daemon=True)
         self._returns = [x for x in self._returns if x.is_alive()] + [t]
         t.start()
-        return {"went": went, "back_at": went + seconds, "mode": mode}
+        out = {"went": went, "back_at": went + seconds, "mode": mode}
+        if rid is not None:
+            out.update({"id": rid, "sent": outcome["sent"], "skipped": outcome["skipped"]})
+        return out
+
+    @staticmethod
+    def _close_soon(link):
+        """(loop thread) The close frame of a server going away, as a
+        task; None when the connection closed meanwhile."""
+        try:
+            return asyncio.ensure_future(link.close(1001, "going away"))
+        except Exception:
+            return None
 
     def counts(self):
         with self._lock:
@@ -375,7 +418,7 @@ def _command(state, cmd, stop):
         return state.replies(cmd["id"])
     if name == "go_away":
         return state.go_away(float(cmd["seconds"]), float(cmd.get("grace", 3.0)),
-                             cmd.get("mode", "close"))
+                             cmd.get("mode", "close"), cmd.get("request"))
     if name == "devices":
         return state.device_summaries()
     if name == "timeline":

@@ -126,6 +126,22 @@ def test_wave_and_generator_groups():
     assert (g["devices"], g["distinct_keys"], g["largest_group"]) == (4, 2, 2)
     g = report.seed_groups(devices)
     assert g["largest_group"] == 2 and g["distinct_keys"] == 4
+    # the handshakes after the return: b and c came back with the same key
+    g = report.seed_groups_after(devices, back=100.0)
+    assert (g["devices"], g["distinct_keys"], g["largest_group"]) == (4, 3, 2)
+    assert w["per_100ms"] == [[10.2, 1], [10.4, 1], [11.9, 1]]
+
+
+def test_random_back_off_groups_from_the_agents_sleeps():
+    # the fixed interval (10) first, then draws of 60..119; a and b drew the
+    # same, c its own; b got in one draw later than a; d never drew
+    sleeps = {"a": [10] * 61 + [77, 101], "b": [10] * 61 + [77, 101, 64],
+              "c": [10] * 61 + [90, 60], "d": [10, 10]}
+    b = report.backoff_groups(sleeps)
+    assert (b["devices"], b["distinct_sequences"], b["largest_group"]) == (3, 2, 2)
+    assert b["group_sizes"] == [[2, 1], [1, 1]]
+    assert b["compared_draws"] == 2 and b["largest_group_sequence"] == [77, 101]
+    assert report.backoff_groups({"d": [10]})["devices"] == 0
 
 
 def shard_doc(first, n, went, back, connected):

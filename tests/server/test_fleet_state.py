@@ -132,6 +132,25 @@ def test_going_away_and_coming_back(fleet):
     assert all(d["connections"] == 2 and d["opened"][1] >= back for d in devs.values())
 
 
+def test_a_request_right_before_each_close_frame(fleet):
+    srv, state, agents = fleet
+    for m in MACS:
+        connect(srv, agents, m, answer=False)
+    wait(lambda: state.counts()["connected"] == 3)
+    away = state.go_away(1.0, request={"method": "dxGetAbout", "params": {"deviceId": None},
+                                       "id": "q-1"})
+    assert (away["id"], sorted(away["sent"]), away["skipped"]) == ("q-1", MACS, [])
+    wait(lambda: all(a.closed.is_set() for a in agents))
+    for a in agents:
+        # the request, then the close frame of a server going away
+        assert a.close_frame_seen
+        req = json.loads(a.texts[-1])
+        assert (req["id"], req["params"]["deviceId"]) == ("q-1", a.mac)
+    got = state.replies("q-1")
+    assert sorted(got) == MACS and all(r["sent"] and not r["replies"] for r in got.values())
+    assert [c.close_sent_code for c in srv.connections] == [1001] * 3
+
+
 def test_drop_mode_resets_every_connection(fleet):
     srv, state, agents = fleet
     for m in MACS:
