@@ -611,3 +611,38 @@ def pair_network_one(device):
     device.uci_ok("set", "wireless.wifi1.wlanlist=0,1")
     device.uci_ok("set", "wireless.wifi1.enlist=1,0")
     device.uci_ok("commit", "wireless")
+
+
+# The apply step held: the utility script's "cloud_action_apply" waits for
+# /tmp/apply_go (at most 20 s), then commits as the device's own script
+# does, then leaves /tmp/apply_done.
+HELD_APPLY = ("i=0\n"
+              "while [ ! -e /tmp/apply_go ] && [ $i -lt 400 ]; do sleep 0.05; i=$((i+1)); done\n"
+              "uci commit\n"
+              ": > /tmp/apply_done\n")
+
+
+def hold_apply_step(device):
+    """From now on the apply step waits until release_apply_step."""
+    device.set_script("kapri_util.lua", HELD_APPLY, "cloud_action_apply")
+
+
+def release_apply_step(device):
+    """Waits until the held apply step runs (it has not finished), lets it
+    go and waits until it has."""
+    assert device.wait_journal("kapri_util.lua cloud_action_apply"), "the apply step never ran"
+    assert not device.exists("/tmp/apply_done")
+    device.write_file("/tmp/apply_go", "")
+    assert wait_file_exists(device, "/tmp/apply_done"), "the apply step did not finish"
+
+
+def assert_staged_until_applied(device, changes):
+    """changes: uci path -> (committed value before, value staged).  While
+    the held apply step waits, each value is staged and not committed; once
+    it is let go (release_apply_step), each is committed."""
+    for path, (before, after) in changes.items():
+        assert device.uci_get(path) == after, path
+        assert device.uci_committed(path) == before, path
+    release_apply_step(device)
+    for path, (_, after) in changes.items():
+        assert device.uci_committed(path) == after, path

@@ -10,7 +10,7 @@ import re
 import pytest
 
 from conftest import MAC as SCRIPT_MAC  # the device MAC in the script's own answers
-from conftest import not_a_status_update
+from conftest import journal_lines, not_a_status_update, request_barrier, script_call_lines
 
 # The agent runs with another MAC, so that every reply shows whether its
 # "deviceId" is the agent's or the utility script's.
@@ -63,20 +63,8 @@ def bare_reply(server, method, params, id):
     return server.next_message(10, predicate=not_a_status_update).raw
 
 
-def script_calls(device):
-    return [line for line in device.journal() if line.startswith("kapri_util.lua ")]
-
-
 def writes(device):
-    return [line for line in device.journal()
-            if line.startswith(("uci set", "uci commit", "uci delete", APPLY))]
-
-
-def settle(server):
-    """Handlers run one at a time: once a later request is answered, the
-    one before has done all it would ever do."""
-    reply = request(server, "vekGetLanStatus", id="barrier")
-    assert reply.data["id"] == "barrier"
+    return journal_lines(device, "uci set", "uci commit", "uci delete", APPLY)
 
 
 def result(reply):
@@ -124,7 +112,7 @@ def test_same_name_and_steering_change_nothing_and_apply_nothing(device, server,
     reply = request(server, "vekSetSystemConfig",
                     {"deviceId": "x", "name": "VK310-AP", "steeringEnabled": False}, id="same")
     assert reply.raw == SUCCESS % ("same", AGENT_MAC)
-    settle(server)
+    request_barrier(server)
     assert writes(device) == []
     assert "uci get system.system.SystemName" in device.journal()
     assert "uci get clientcontrol.bandsteer.enable" in device.journal()
@@ -216,7 +204,7 @@ def test_system_config_refusals_come_before_any_write(device, server, ap, profil
     device.clear_journal()
     reply = request(server, "vekSetSystemConfig", params, id="no")
     assert reply.raw == INVALID % ("no", data)
-    settle(server)
+    request_barrier(server)
     assert writes(device) == []
     assert device.uci_committed("system.system.SystemName") == "VK310-AP"
 
@@ -249,7 +237,7 @@ def test_status_exact_reply_and_commands(device, server, ap):
     device.clear_journal()
     reply = request(server, "vekGetStatus", id="st")
     assert reply.raw == DUAL_STATUS
-    assert script_calls(device) == ["kapri_util.lua GetSysTxRx eth0 0 rx bytes",
+    assert script_call_lines(device) == ["kapri_util.lua GetSysTxRx eth0 0 rx bytes",
                                     "kapri_util.lua GetSysTxRx eth0 0 tx bytes",
                                     "kapri_util.lua WifiInfo"]
 
@@ -321,7 +309,7 @@ def test_status_queries_need_a_device_id(device, server, ap):
         device.clear_journal()
         assert request(server, method, {"cmac": "", "interface": "2.4GHz"},
                        id="m%d" % i).raw == INVALID % ("m%d" % i, "")
-        assert script_calls(device) == [], method
+        assert script_call_lines(device) == [], method
 
 
 # ---- vekGetLanStatus ----------------------------------------------------------
@@ -333,7 +321,7 @@ def test_lan_status_exact_reply(device, server, ap):
     assert request(server, "vekGetLanStatus", id="l").raw == (
         '{"jsonrpc":"2.0","id":"l","result":{"deviceId":"%s","speed":"100Mbps",'
         '"duplexMode":"Half","rx":1234,"tx":5678}}' % AGENT_MAC)
-    assert script_calls(device) == ["kapri_util.lua vekGetLanStatus speed",
+    assert script_call_lines(device) == ["kapri_util.lua vekGetLanStatus speed",
                                     "kapri_util.lua vekGetLanStatus duplexMode",
                                     "kapri_util.lua vekGetLanStatus rx",
                                     "kapri_util.lua vekGetLanStatus tx"]
@@ -355,7 +343,7 @@ def test_radio_status_exact_reply_in_its_own_order(device, server, ap):
         '{"interface":"2.4GHz","enabled":true,"rx":123456,"tx":654321,"networks":2,"clients":2},'
         '{"interface":"5GHz","enabled":false,"rx":223344,"tx":443322,"networks":0,"clients":0}'
         ']}}' % AGENT_MAC)
-    assert script_calls(device) == ["kapri_util.lua WifiInfo"]
+    assert script_call_lines(device) == ["kapri_util.lua WifiInfo"]
 
 
 def test_single_band_radio_status(device, server, ap):
@@ -382,7 +370,7 @@ def test_guest_network_status_exact_reply(device, server, ap):
         '"interface":"2.4GHz","clients":1,"rx":100,"tx":200},'
         '{"networkIndex":75,"enabled":false,"mac":"00:11:22:33:47:19","ssid":"Korvat-Guest",'
         '"interface":"5GHz","clients":0,"rx":0,"tx":0}]}}' % AGENT_MAC)
-    assert script_calls(device) == ["kapri_util.lua GuestNetworkInfo"]
+    assert script_call_lines(device) == ["kapri_util.lua GuestNetworkInfo"]
 
 
 def test_guest_network_counts(device, server, ap):
@@ -422,7 +410,7 @@ def test_network_status_exact_reply(device, server, ap):
     assert reply.raw == ('{"jsonrpc":"2.0","id":"ns","result":{"deviceId":"%s",%s,'
                          '"guestNetworks":[%s%s]}}'
                          % (SCRIPT_MAC, NETWORKS % NET_50, GUEST_24, GUEST_5))
-    assert script_calls(device) == ["kapri_util.lua vekGetNetworkStatus result",
+    assert script_call_lines(device) == ["kapri_util.lua vekGetNetworkStatus result",
                                     "kapri_util.lua vekGetGuestNetworkConfig result 2.4GHz",
                                     "kapri_util.lua vekGetGuestNetworkConfig result 5GHz"]
 
@@ -433,7 +421,7 @@ def test_single_band_network_status(device, server, ap):
     reply = request(server, "vekGetNetworkStatus", id="ns")
     assert reply.raw == ('{"jsonrpc":"2.0","id":"ns","result":{"deviceId":"%s",%s,'
                          '"guestNetworks":[%s]}}' % (SCRIPT_MAC, NETWORKS % "", GUEST_24))
-    assert "kapri_util.lua vekGetGuestNetworkConfig result 5GHz" not in script_calls(device)
+    assert "kapri_util.lua vekGetGuestNetworkConfig result 5GHz" not in script_call_lines(device)
 
 
 def test_a_network_added_and_deleted_through_uci(device, server, ap):
@@ -499,13 +487,15 @@ def test_client_status_of_all_clients(device, server, ap):
         '"name":"laptop","interface":"2.4GHz"},'
         '{"cmac":"A0:B1:C2:D3:E4:02","ssid":"Korvat","rx":12.5,"tx":"","signal":-48,'
         '"name":"phone","interface":"5GHz"}]}}' % SCRIPT_MAC)
-    assert script_calls(device) == ["kapri_util.lua vekGetClientStatus result 00:00:00:00:00:00"]
+    assert script_call_lines(device) == [
+        "kapri_util.lua vekGetClientStatus result 00:00:00:00:00:00"]
     agent.out.wait_for(re.compile(r"\]: sys_cmd = /usr/sbin/kapri_util\.lua vekGetClientStatus "
                                   r"result 00:00:00:00:00:00$"), timeout=5)
     device.clear_journal()
     assert request(server, "vekGetClientStatus", {"deviceId": "x", "cmac": ""},
                    id="c2").raw == reply.raw.replace('"id":"c"', '"id":"c2"')
-    assert script_calls(device) == ["kapri_util.lua vekGetClientStatus result 00:00:00:00:00:00"]
+    assert script_call_lines(device) == [
+        "kapri_util.lua vekGetClientStatus result 00:00:00:00:00:00"]
 
 
 def test_client_status_of_one_client(device, server, ap):
@@ -515,7 +505,8 @@ def test_client_status_of_one_client(device, server, ap):
     got = result(request(server, "vekGetClientStatus",
                          {"deviceId": "x", "cmac": "a0:b1:c2:d3:e4:02"}))
     assert [c["name"] for c in got["clients"]] == ["phone"]
-    assert script_calls(device) == ["kapri_util.lua vekGetClientStatus result a0:b1:c2:d3:e4:02"]
+    assert script_call_lines(device) == [
+        "kapri_util.lua vekGetClientStatus result a0:b1:c2:d3:e4:02"]
     agent.out.wait_for(re.compile(r"\]: sys_cmd = /usr/sbin/kapri_util\.lua vekGetClientStatus "
                                   r"result a0:b1:c2:d3:e4:02$"), timeout=5)
 
@@ -551,12 +542,12 @@ def test_radio_config_exact_reply_and_interface_names(device, server, ap):
     assert reply.raw == ('{"jsonrpc":"2.0","id":"rc","result":{"deviceId":"%s",'
                          '"interface":"2.4GHz","enabled":true,"opMode":"ap",'
                          '"wirelessMode":"11ng"}}' % SCRIPT_MAC)
-    assert script_calls(device) == ["kapri_util.lua vekGetRadioConfig result 0"]
+    assert script_call_lines(device) == ["kapri_util.lua vekGetRadioConfig result 0"]
     for name, radio in (("2.4ghz", 0), ("2.4GHZ", 0), ("5ghz", 1), ("5GHz", 1)):
         device.clear_journal()
         got = result(request(server, "vekGetRadioConfig", {"deviceId": "x", "interface": name}))
         assert got["interface"] == ("2.4GHz", "5GHz")[radio]
-        assert script_calls(device) == ["kapri_util.lua vekGetRadioConfig result %d" % radio]
+        assert script_call_lines(device) == ["kapri_util.lua vekGetRadioConfig result %d" % radio]
 
 
 @pytest.mark.parametrize("params", [
@@ -567,7 +558,7 @@ def test_radio_config_refusals(device, server, ap, params):
     ap()
     device.clear_journal()
     assert request(server, "vekGetRadioConfig", params, id="no").raw == INVALID % ("no", "")
-    assert script_calls(device) == []
+    assert script_call_lines(device) == []
 
 
 def test_radio_config_of_a_station_radio(device, server, ap):
@@ -598,7 +589,7 @@ def test_network_config_exact_reply(device, server, ap):
                          '"interface":"2.4GHz","enabled":true,"security":"WPA2-PSK",'
                          '"password":"korvat1234","vlanId":"","broadcastEnabled":true,'
                          '"separationEnabled":false}}' % SCRIPT_MAC)
-    assert script_calls(device) == ["kapri_util.lua vekGetNetworkConfig result 0"]
+    assert script_call_lines(device) == ["kapri_util.lua vekGetNetworkConfig result 0"]
 
 
 def test_enterprise_network_config_exact_reply(device, server, ap):
@@ -641,7 +632,8 @@ def test_valid_network_indexes(device, server, ap):
         params = dict(params, deviceId="x")
         got = result(request(server, "vekGetNetworkConfig", params))
         assert got["networkIndex"] == index
-        assert script_calls(device) == ["kapri_util.lua vekGetNetworkConfig result %d" % index]
+        assert script_call_lines(device) == [
+            "kapri_util.lua vekGetNetworkConfig result %d" % index]
 
 
 @pytest.mark.parametrize("profile,index", [
@@ -653,7 +645,7 @@ def test_invalid_network_indexes(device, server, ap, profile, index):
     reply = request(server, "vekGetNetworkConfig", {"deviceId": "x", "networkIndex": index},
                     id="bad")
     assert reply.raw == INVALID % ("bad", BAD_INDEX)
-    assert script_calls(device) == []
+    assert script_call_lines(device) == []
 
 
 def test_network_config_answers_that_do_not_parse_or_are_empty(device, server, ap):

@@ -2,7 +2,7 @@
 the agent makes while no server listens, and shortens it."""
 import pytest
 
-from conftest import wait_for
+from conftest import set_conn_retry, wait_for
 
 DEAD_URL = "ws://127.0.0.1:9/"  # discard port: nothing listens there
 
@@ -18,18 +18,8 @@ def sleeps(device, count, timeout=30):
     return values[:count]
 
 
-def set_retry(device, value):
-    if value is None:
-        r = device.uci("delete", "korvatCloud.korvatCloud.conn_retry")
-    else:
-        r = device.uci("set", "korvatCloud.korvatCloud.conn_retry=%s" % value)
-    assert r.returncode == 0, r.stderr
-    r = device.uci("commit", "korvatCloud")
-    assert r.returncode == 0, r.stderr
-
-
 def test_interval_of_30_seconds_for_21_attempts_then_60_to_119(device, start_agent):
-    set_retry(device, 30)
+    set_conn_retry(device, 30)
     start_agent(DEAD_URL, fastsleep=True)
     got = sleeps(device, 60)
     assert got[:21] == [30] * 21
@@ -40,7 +30,7 @@ def test_interval_of_30_seconds_for_21_attempts_then_60_to_119(device, start_age
 
 @pytest.mark.parametrize("value", [None, "0", "abc", "-5"], ids=["unset", "zero", "text", "negative"])
 def test_interval_stays_10_seconds_without_a_usable_setting(device, start_agent, value):
-    set_retry(device, value)
+    set_conn_retry(device, value)
     start_agent(DEAD_URL, fastsleep=True)
     got = sleeps(device, 65)
     assert got[:61] == [10] * 61
@@ -48,12 +38,12 @@ def test_interval_stays_10_seconds_without_a_usable_setting(device, start_agent,
 
 
 def test_the_interval_is_read_again_before_every_reconnection(device, server, start_agent):
-    set_retry(device, 2)
+    set_conn_retry(device, 2)
     agent = start_agent(server.url, fastsleep=True)
     server.wait_for_connection(15)
     assert device.journal().count("uci get korvatCloud.korvatCloud.conn_retry") == 1
     # the setting changes while connected; the next reconnection uses it
-    set_retry(device, 7)
+    set_conn_retry(device, 7)
     server.pause()
     server.drop()
     got = sleeps(device, 3)

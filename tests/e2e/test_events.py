@@ -7,41 +7,22 @@ discarded instead of queued)."""
 import re
 import time
 
-import pytest
-
-from conftest import (MAC, about, not_a_status_update, request_barrier, request_text, settings,
-                      timer_barrier, wait_for, wait_ticks)
+from conftest import (CET, MAC, about, not_a_status_update, put_event_file, request_barrier,
+                      request_text, settings, timer_barrier, unsolicited, wait_for,
+                      wait_request_queued, wait_start_up_commands, wait_ticks)
 
 # Updates and events may be more than 40 s apart on a loaded machine.
 SERVER_PING_INTERVAL = 15
+# The agent's local time is CET (connected).
+AGENT_ENV = CET
 
-CET = {"TZ": "CET-1"}
 SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.1; done\necho TAG-1\n'
 EVENT = "number:%d dateTime:2026-11-15T10:00:%02d+0100 type:INFO event:E%d\n"
-
-
-def settle(device):
-    """Waits for the agent's start-up commands to be over."""
-    assert device.wait_journal("uci get korvatCloud.korvatCloud.beta_mode", 20)
-    assert device.wait_journal("uci get korvatCloud.korvatCloud.auto_update", 20)
-    wait_ticks(device, 2)
-
-
-def put_event_file(device, text):
-    """Replaces /tmp/cEvtLog at once (written aside, then moved in), so the
-    agent never reads half of it."""
-    device.write_file("/tmp/cEvtLog.new", text)
-    r = device.sh("mv /tmp/cEvtLog.new /tmp/cEvtLog")
-    assert r.returncode == 0, r.stderr
 
 
 def next_message(server, timeout=30, method=None):
     """The next message other than a status update (those stay queued)."""
     return server.next_message(timeout, method=method, predicate=not_a_status_update)
-
-
-def pending(server):
-    return [m for m in server.messages if m.method != "dsLogStatusUpdates"]
 
 
 def notification(*events):
@@ -53,33 +34,16 @@ def stream(server, id_="abc"):
     server.send_text(request_text("dxStreamSystemLogs", {"deviceId": MAC, "enable": True}, id_))
 
 
-def wait_received(agent, id_, timeout=20):
-    """Waits until the agent has put the request with this id into its
-    receive queue (its frame dump, then the queue's debug line)."""
-    i = agent.out.wait_for(re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % re.escape(id_)),
-                           timeout)
-    agent.out.wait_for(re.compile(r"queueWriter\]\[LINE 573\]: produceObject: end$"),
-                       timeout, start=i)
-
-
 def count_lines(agent, pattern, start):
     regex = re.compile(pattern)
     return sum(1 for line in agent.out.lines[start:] if regex.search(line))
 
 
-@pytest.fixture
-def ready(device, server, start_agent):
-    agent = start_agent(server.url, env=CET)
-    server.wait_for_connection(15)
-    settle(device)
-    device.clear_journal()
-    return agent, server
-
-
 # ---- event notifications -----------------------------------------------------
 
-def test_event_lines_go_out_byte_for_byte_and_the_file_is_emptied(device, ready):
-    agent, server = ready
+def test_event_lines_go_out_byte_for_byte_and_the_file_is_emptied(device,
+                                                                  connected_after_start_up):
+    agent, server = connected_after_start_up
     put_event_file(device,
                    "number:7 dateTime:2026-11-15T10:00:00+0100 type:INFO event:Reboot\n"
                    "a line without the labels\n"
@@ -98,14 +62,14 @@ def test_event_lines_go_out_byte_for_byte_and_the_file_is_emptied(device, ready)
     # events go out in order, so one sent now comes after any other
     assert wait_for(lambda: device.read_file("/tmp/cEvtLog") == "\n")
     timer_barrier(device, server)
-    assert pending(server) == []
+    assert unsolicited(server) == []
 
 
-def test_an_event_file_holding_only_the_empty_line_sends_nothing(device, ready):
-    agent, server = ready
+def test_an_event_file_holding_only_the_empty_line_sends_nothing(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     put_event_file(device, "\n")
     wait_ticks(device, 2)  # the timer has read it in a whole tick
-    assert pending(server) == []
+    assert unsolicited(server) == []
     assert device.read_file("/tmp/cEvtLog") == "\n"
     # the sender was at work all along: a real line goes out at once, and
     # is the first notification (one made from the empty line would come
@@ -116,8 +80,8 @@ def test_an_event_file_holding_only_the_empty_line_sends_nothing(device, ready):
         '{"number":1,"dateTime":"2026-11-15T10:00:01+01:00","type":"INFO","event":"E1"}')
 
 
-def test_the_utility_scripts_event_line_reaches_the_server(device, ready):
-    agent, server = ready
+def test_the_utility_scripts_event_line_reaches_the_server(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     r = device.exec(["/usr/sbin/kapri_util.lua", "add_a_notification", "5", "WARN",
                      "Fan", "stopped"], env=CET)
     assert r.returncode == 0, r.stderr
@@ -130,20 +94,21 @@ def test_the_utility_scripts_event_line_reaches_the_server(device, ready):
     assert wait_for(lambda: device.read_file("/tmp/cEvtLog") == "\n")
 
 
-def test_an_event_file_that_cannot_be_opened_is_reported_path_first(device, ready):
-    agent, server = ready
+def test_an_event_file_that_cannot_be_opened_is_reported_path_first(device,
+                                                                    connected_after_start_up):
+    agent, server = connected_after_start_up
     device.write_file("/tmp/cEvtLog", EVENT % (4, 4, 4), mode=0o000)
     agent.out.wait_for("Func /tmp/cEvtLog: File sendEventLog doesn't exist.", timeout=10)
     wait_ticks(device, 2)
-    assert pending(server) == []
+    assert unsolicited(server) == []
     # left as it was
     assert device.read_file("/tmp/cEvtLog") == EVENT % (4, 4, 4)
 
 
 # ---- streamed system log ---------------------------------------------------------
 
-def test_streamed_log_lines_go_out_byte_for_byte(device, ready):
-    agent, server = ready
+def test_streamed_log_lines_go_out_byte_for_byte(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     year = time.strftime("%Y")
     stream(server, "abc")
     assert device.wait_journal("logread -f")
@@ -178,15 +143,15 @@ def test_streamed_log_lines_go_out_byte_for_byte(device, ready):
         '"message":"a: b\\tc "}]}}' % (MAC, year))
 
 
-def test_a_capture_that_cannot_be_opened_is_reported_path_first(device, ready):
-    agent, server = ready
+def test_a_capture_that_cannot_be_opened_is_reported_path_first(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     stream(server, "abc")
     assert device.wait_journal("logread -f")
     device.write_file("/tmp/cloud_log_file", "Nov 15 23:12:24 VK310 user.notice root: x\n",
                       mode=0o000)
     agent.out.wait_for("Func /tmp/cloud_log_file: File sendStreamSysLog doesn't exist.",
                        timeout=15)
-    assert pending(server) == []
+    assert unsolicited(server) == []
 
 
 # ---- queue pressure ------------------------------------------------------------
@@ -204,7 +169,7 @@ def test_with_nine_replies_waiting_the_capture_is_discarded(device, server, star
     device.set_script("sntool", SLOW_WHILE)
     agent = start_agent(server.url, env=CET)
     first = server.wait_for_connection(15)
-    settle(device)
+    wait_start_up_commands(device)
     stream(server, "abc")
     assert device.wait_journal("logread -f")
     # the main thread stays in one request while nine more queue up
@@ -213,7 +178,7 @@ def test_with_nine_replies_waiting_the_capture_is_discarded(device, server, star
     assert device.wait_journal("sntool")
     for i in range(1, 10):
         server.send_text(about("q%d" % i))
-    wait_received(agent, "q9")
+    wait_request_queued(agent, "q9")
     cut_off(agent, server)
     start = len(agent.out.lines)
     device.remove_file("/tmp/slow")
@@ -233,7 +198,7 @@ def test_with_nine_replies_waiting_the_capture_is_discarded(device, server, star
     assert all("result" in m.data and m.conn is second for m in got)
     # nothing more: replies and streamed results go out in order
     request_barrier(server)
-    assert pending(server) == []
+    assert unsolicited(server) == []
     # streaming goes on; the discarded line never comes
     device.append_syslog("Nov 15 23:12:30 VK310 user.notice root: after")
     message = next_message(server, 30)
@@ -247,7 +212,7 @@ def test_with_the_event_queue_nearly_full_the_event_file_is_emptied(device, serv
     settings(device, conn_retry=1)
     agent = start_agent(server.url, env=CET)
     server.wait_for_connection(15)
-    settle(device)
+    wait_start_up_commands(device)
     cut_off(agent, server)
     # ten notifications: the sending thread holds the first, nine wait
     for n in range(1, 11):
@@ -268,4 +233,4 @@ def test_with_the_event_queue_nearly_full_the_event_file_is_emptied(device, serv
         '{"number":10,"dateTime":"2026-11-15T10:00:10+01:00","type":"INFO","event":"E10"}')
     # the eleventh never comes: events go out in order
     timer_barrier(device, server)
-    assert pending(server) == []
+    assert unsolicited(server) == []

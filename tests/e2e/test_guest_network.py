@@ -5,25 +5,17 @@ script's calls, the guest options staged until the apply step commits them,
 the band-steering rule, the addressing checks against the LAN, and every
 refusal answered before any write."""
 import json
-import re
 
-import pytest
-
-from conftest import MAC, not_a_status_update, unsolicited, wait_for
+from conftest import (MAC, assert_staged_until_applied, hold_apply_step, invalid_parameter_reply,
+                      not_a_status_update, request_barrier, script_call_lines, uci_set_lines,
+                      unsolicited, wait_radios_known, without)
 
 SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
-REFUSED = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
-           '"message":"Invalid method parameter","data":%s}}')
 NON_AP = "This method is not supported in Non-AP operation mode."
 MASK_LINE = "[vekSetGuestNetworkConfigHandler 3573]"
 # A handler that writes many options runs many device tools one after the
 # other: give its reply time on a busy machine.
 LONG = 60
-
-HELD_APPLY = ("i=0\n"
-              "while [ ! -e /tmp/apply_go ] && [ $i -lt 400 ]; do sleep 0.05; i=$((i+1)); done\n"
-              "uci commit\n"
-              ": > /tmp/apply_done\n")
 
 CLIENTS = {"deviceId": "AA:BB:CC:00:00:01", "extra": 1, "clients": [
     {"name": "laptop", "cmac": "A0:B1:C2:D3:E4:01", "rx": "12.5", "signal": -61.5,
@@ -54,44 +46,6 @@ GUEST = {"deviceId": MAC, "interface": "2.4GHz", "ssid": "Guest-2", "guestEnable
          "startingIp": "10.20.30.100", "endingIp": "10.20.30.200"}
 
 
-def refused(id, data=""):
-    return REFUSED % (id, json.dumps(data))
-
-
-def without(params, *names):
-    return {k: v for k, v in params.items() if k not in names}
-
-
-def radios_known(agent):
-    agent.timer_tid()
-    line = agent.out.wait_for(re.compile(r"=== support2G=\d, support5G=\d"), timeout=15)
-    return agent.out.lines[line]
-
-
-@pytest.fixture
-def ready(connected):
-    agent, server = connected
-    radios_known(agent)
-    return agent, server
-
-
-def barrier(server):
-    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="barrier", timeout=LONG)
-    assert reply.data["result"]["deviceId"] == MAC
-
-
-def uci_sets(device):
-    return [line for line in device.journal() if line.startswith("uci set ")]
-
-
-def script_calls(device, sub):
-    return [line for line in device.journal() if line.startswith("kapri_util.lua " + sub)]
-
-
-def wait_file(device, path, timeout=20):
-    return wait_for(lambda: device.exists(path), timeout)
-
-
 def reply_without_result(server, method, params, id):
     """The text of a reply that carries neither "result" nor "error"."""
     server.send_text(json.dumps({"jsonrpc": "2.0", "id": id, "method": method,
@@ -102,25 +56,26 @@ def reply_without_result(server, method, params, id):
 def start_ready(device, server, start_agent, **kw):
     agent = start_agent(server.url, **kw)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     return agent
 
 
 # ---- vekGetClientList -----------------------------------------------------------------------
 
-def test_client_list_without_network_index_asks_for_every_client(ready, device):
-    agent, server = ready
+def test_client_list_without_network_index_asks_for_every_client(connected_with_radios_known,
+                                                                 device):
+    agent, server = connected_with_radios_known
     device.set_output("kapri_util.lua", json.dumps(CLIENTS) + "\n", "vekGetClientList")
     device.clear_journal()
     reply = server.request("vekGetClientList", {"deviceId": MAC}, id="c1")
     # listed members only, in list order; the script's deviceId is passed on
     assert reply.raw == '{"jsonrpc":"2.0","id":"c1","result":%s}' % CLIENTS_FILTERED
-    assert script_calls(device, "vekGetClientList") == [
+    assert script_call_lines(device, "vekGetClientList") == [
         "kapri_util.lua vekGetClientList result -999"]
 
 
-def test_client_list_of_one_network(ready, device):
-    agent, server = ready
+def test_client_list_of_one_network(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     one = {"deviceId": "AA:BB:CC:00:00:01", "clients": [
         {"cmac": "A0:B1:C2:D3:E4:02", "rx": "5678", "tx": "8765", "networkIndex": 50,
          "interface": "5GHz"}]}
@@ -128,7 +83,7 @@ def test_client_list_of_one_network(ready, device):
                       "50")
     device.clear_journal()
     reply = server.request("vekGetClientList", {"deviceId": MAC, "networkIndex": 50}, id="c2")
-    assert script_calls(device, "vekGetClientList") == [
+    assert script_call_lines(device, "vekGetClientList") == [
         "kapri_util.lua vekGetClientList result 50"]
     # "rx" and "tx" are not among the listed members of a client
     assert reply.raw == ('{"jsonrpc":"2.0","id":"c2","result":{"deviceId":"AA:BB:CC:00:00:01",'
@@ -136,20 +91,20 @@ def test_client_list_of_one_network(ready, device):
                          '"interface":"5GHz"}]}}')
 
 
-def test_client_list_refusals_and_odd_answers(ready, device):
-    agent, server = ready
+def test_client_list_refusals_and_odd_answers(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     for index in (8, 49, 58, -1, -999):
         reply = server.request("vekGetClientList", {"deviceId": MAC, "networkIndex": index},
                                id="ci")
-        assert reply.raw == refused("ci", "Invalid network index."), index
+        assert reply.raw == invalid_parameter_reply("ci", "Invalid network index."), index
     reply = server.request("vekGetClientList", {"networkIndex": 1}, id="nd")
-    assert reply.raw == refused("nd")
-    assert not script_calls(device, "vekGetClientList")
+    assert reply.raw == invalid_parameter_reply("nd")
+    assert not script_call_lines(device, "vekGetClientList")
     # an answer that is not JSON
     device.set_output("kapri_util.lua", "clients: none\n", "vekGetClientList")
     reply = server.request("vekGetClientList", {"deviceId": MAC}, id="nj")
-    assert reply.raw == refused("nj")
+    assert reply.raw == invalid_parameter_reply("nj")
     # no answer at all: a reply without "result"
     device.set_output("kapri_util.lua", "", "vekGetClientList")
     assert reply_without_result(server, "vekGetClientList", {"deviceId": MAC},
@@ -158,8 +113,8 @@ def test_client_list_refusals_and_odd_answers(ready, device):
 
 # ---- vekGetGuestNetworkConfig -----------------------------------------------------------------
 
-def test_guest_network_config_is_the_filtered_answer(ready, device):
-    agent, server = ready
+def test_guest_network_config_is_the_filtered_answer(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.set_output("kapri_util.lua", json.dumps(GUEST_ANSWER) + "\n",
                       "vekGetGuestNetworkConfig")
     device.clear_journal()
@@ -169,25 +124,25 @@ def test_guest_network_config_is_the_filtered_answer(ready, device):
     reply = server.request("vekGetGuestNetworkConfig", {"deviceId": MAC, "interface": "5GHz"},
                            id="g2")
     assert reply.raw == '{"jsonrpc":"2.0","id":"g2","result":%s}' % GUEST_FILTERED
-    assert script_calls(device, "vekGetGuestNetworkConfig") == [
+    assert script_call_lines(device, "vekGetGuestNetworkConfig") == [
         "kapri_util.lua vekGetGuestNetworkConfig result 2.4GHz",
         "kapri_util.lua vekGetGuestNetworkConfig result 5GHz"]
 
 
-def test_guest_network_config_refusals_and_odd_answers(ready, device):
-    agent, server = ready
+def test_guest_network_config_refusals_and_odd_answers(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     for params in ({"interface": "2.4GHz"}, {"deviceId": MAC},
                    {"deviceId": MAC, "interface": "6GHz"},
                    {"deviceId": MAC, "interface": "2.4ghz"},
                    {"deviceId": MAC, "interface": 5}):
         reply = server.request("vekGetGuestNetworkConfig", params, id="gr")
-        assert reply.raw == refused("gr"), params
-    assert not script_calls(device, "vekGetGuestNetworkConfig")
+        assert reply.raw == invalid_parameter_reply("gr"), params
+    assert not script_call_lines(device, "vekGetGuestNetworkConfig")
     device.set_output("kapri_util.lua", "{broken\n", "vekGetGuestNetworkConfig")
     reply = server.request("vekGetGuestNetworkConfig", {"deviceId": MAC, "interface": "5GHz"},
                            id="gj")
-    assert reply.raw == refused("gj")
+    assert reply.raw == invalid_parameter_reply("gj")
     device.set_output("kapri_util.lua", "", "vekGetGuestNetworkConfig")
     assert reply_without_result(server, "vekGetGuestNetworkConfig",
                                 {"deviceId": MAC, "interface": "5GHz"},
@@ -200,7 +155,7 @@ def test_band_steering_shares_ssid_and_security_but_not_the_switches(device, ser
                                                                      start_agent):
     device.uci_ok("set", "clientcontrol.bandsteer.enable=1")
     device.uci_ok("commit", "clientcontrol")
-    device.set_script("kapri_util.lua", HELD_APPLY, "cloud_action_apply")
+    hold_apply_step(device)
     start_ready(device, server, start_agent)
     device.clear_journal()
     reply = server.request("vekSetGuestNetworkConfig", GUEST, id="bs", timeout=LONG)
@@ -208,7 +163,7 @@ def test_band_steering_shares_ssid_and_security_but_not_the_switches(device, ser
     # the reply is out while the apply step still waits
     assert device.wait_journal("kapri_util.lua cloud_action_apply")
     assert not device.exists("/tmp/apply_done")
-    assert uci_sets(device) == [
+    assert uci_set_lines(device) == [
         "uci set wireless.w0_index25.ssid=Guest-2",
         "uci set wireless.w1_index25.ssid=Guest-2",
         "uci set wireless.w0_index25.WLANEnable=1",
@@ -247,29 +202,24 @@ def test_band_steering_shares_ssid_and_security_but_not_the_switches(device, ser
         "dhcp.guest.start": ("10.10.10.100", "10.20.30.100"),
         "dhcp.guest.dhcp_stop_addr": ("10.10.10.200", "10.20.30.200"),
     }
-    for path, (before, after) in expected.items():
-        assert device.uci_get(path) == after, path
-        assert device.uci_committed(path) == before, path
-    device.write_file("/tmp/apply_go", "")
-    assert wait_file(device, "/tmp/apply_done")
-    for path, (before, after) in expected.items():
-        assert device.uci_committed(path) == after, path
+    assert_staged_until_applied(device, expected)
     # the 5 GHz guest network keeps its own switches
     assert device.uci_committed("wireless.w1_index25.WLANEnable") == "0"
     assert device.uci_committed("wireless.w1_index25.hidden") == "0"
     assert device.uci_committed("wireless.w1_index25.isolate") == "1"
 
 
-def test_without_band_steering_only_the_addressed_network_changes(ready, device):
-    agent, server = ready
+def test_without_band_steering_only_the_addressed_network_changes(connected_with_radios_known,
+                                                                  device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     params = {"deviceId": MAC, "interface": "5GHz", "ssid": "Guest-5", "guestEnabled": False,
               "broadcastEnabled": True, "security": "OPEN", "separationEnabled": True}
     reply = server.request("vekSetGuestNetworkConfig", params, id="g5", timeout=LONG)
     assert reply.raw == SUCCESS % ("g5", MAC)
-    barrier(server)
+    request_barrier(server, LONG)
     # both guest networks are off now: guest DHCP goes off
-    assert uci_sets(device) == [
+    assert uci_set_lines(device) == [
         "uci set wireless.w1_index25.ssid=Guest-5",
         "uci set wireless.w1_index25.WLANEnable=0",
         "uci set dhcp.guest.ignore=1",
@@ -279,13 +229,14 @@ def test_without_band_steering_only_the_addressed_network_changes(ready, device)
     ]
     assert "uci get wireless.w0_index25.WLANEnable" in device.journal()
     # no addressing given and the guest network off: no LAN check
-    assert not script_calls(device, "getNetwordId")
+    assert not script_call_lines(device, "getNetwordId")
     assert device.uci_committed("wireless.w1_index25.ssid") == "Guest-5"
     assert device.uci_committed("wireless.w0_index25.ssid") == "Korvat-Guest"
 
 
-def test_guest_dhcp_stays_on_while_the_other_guest_network_is_on(ready, device):
-    agent, server = ready
+def test_guest_dhcp_stays_on_while_the_other_guest_network_is_on(connected_with_radios_known,
+                                                                 device):
+    agent, server = connected_with_radios_known
     device.uci_ok("set", "wireless.w1_index25.WLANEnable=1")
     device.uci_ok("set", "dhcp.guest.ignore=0")
     device.uci_ok("commit")
@@ -294,8 +245,8 @@ def test_guest_dhcp_stays_on_while_the_other_guest_network_is_on(ready, device):
               "security": "WPA-PSK MIXED", "password": "mixedpass"}
     reply = server.request("vekSetGuestNetworkConfig", params, id="on", timeout=LONG)
     assert reply.raw == SUCCESS % ("on", MAC)
-    barrier(server)
-    assert not [line for line in uci_sets(device) if line.startswith("uci set dhcp.")]
+    request_barrier(server, LONG)
+    assert not [line for line in uci_set_lines(device) if line.startswith("uci set dhcp.")]
     assert "uci get wireless.w1_index25.WLANEnable" in device.journal()
     assert device.uci_committed("dhcp.guest.ignore") == "0"
     assert device.uci_committed("wireless.w0_index25.key") == "mixedpass"
@@ -335,17 +286,17 @@ GUEST_REFUSALS = [
 ]
 
 
-def test_guest_refusals_come_before_any_write(ready, device):
-    agent, server = ready
+def test_guest_refusals_come_before_any_write(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     wrong = []
     for n, (params, data) in enumerate(GUEST_REFUSALS):
         id = "r%d" % n
         reply = server.request("vekSetGuestNetworkConfig", params, id=id, timeout=LONG)
-        if reply.raw != refused(id, data):
+        if reply.raw != invalid_parameter_reply(id, data):
             wrong.append((params, data, reply.raw))
     assert not wrong, "\n".join("%r: wanted %r, got %s" % w for w in wrong)
-    barrier(server)
+    request_barrier(server, LONG)
     journal = device.journal()
     assert not [line for line in journal if line.startswith("uci set ")], journal
     assert "kapri_util.lua cloud_action_apply" not in journal
@@ -362,10 +313,10 @@ def test_an_all_hosts_mask_is_refused_with_its_line_even_without_debug(device, s
     device.clear_journal()
     reply = server.request("vekSetGuestNetworkConfig", dict(GUEST, subnetMask="255.255.255.255"),
                            id="m", timeout=LONG)
-    assert reply.raw == refused("m")
+    assert reply.raw == invalid_parameter_reply("m")
     agent.out.wait_for(MASK_LINE)
-    barrier(server)
-    assert not uci_sets(device)
+    request_barrier(server, LONG)
+    assert not uci_set_lines(device)
     # no debug line: the agent runs without -d
     assert not any("[PID " in line for line in agent.out.lines)
 
@@ -378,9 +329,9 @@ def test_a_stored_guest_range_inside_the_lan_refuses_enabling(device, server, st
     device.clear_journal()
     params = without(GUEST, "gatewayIp", "subnetMask", "startingIp", "endingIp")
     reply = server.request("vekSetGuestNetworkConfig", params, id="st", timeout=LONG)
-    assert reply.raw == refused("st")
-    barrier(server)
-    assert not uci_sets(device)
+    assert reply.raw == invalid_parameter_reply("st")
+    request_barrier(server, LONG)
+    assert not uci_set_lines(device)
     journal = device.journal()
     for path in ("dhcp.guest.start", "dhcp.guest.dhcp_stop_addr", "network.guest.ipaddr",
                  "network.guest.netmask"):
@@ -390,26 +341,27 @@ def test_a_stored_guest_range_inside_the_lan_refuses_enabling(device, server, st
     assert reply.raw == SUCCESS % ("st2", MAC)
 
 
-def test_the_stored_guest_range_outside_the_lan_allows_enabling(ready, device):
-    agent, server = ready
+def test_the_stored_guest_range_outside_the_lan_allows_enabling(connected_with_radios_known,
+                                                                device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     params = without(GUEST, "gatewayIp", "subnetMask", "startingIp", "endingIp")
     reply = server.request("vekSetGuestNetworkConfig", params, id="ok", timeout=LONG)
     assert reply.raw == SUCCESS % ("ok", MAC)
-    barrier(server)
+    request_barrier(server, LONG)
     assert "kapri_util.lua getNetwordId 10.10.10.100 255.255.255.0" in device.journal()
-    assert not [line for line in uci_sets(device) if "guest.start" in line]
+    assert not [line for line in uci_set_lines(device) if "guest.start" in line]
     assert device.uci_committed("wireless.w0_index25.WLANEnable") == "1"
 
 
-def test_guest_text_reaches_uci_exactly(ready, device):
-    agent, server = ready
+def test_guest_text_reaches_uci_exactly(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     ssid = 'g"u $e `s` \\t'
     key = 'p"w$d`x`\\y $(touch /tmp/pwned)'
     params = dict(GUEST, ssid=ssid, password=key)
     reply = server.request("vekSetGuestNetworkConfig", params, id="q", timeout=LONG)
     assert reply.raw == SUCCESS % ("q", MAC)
-    barrier(server)
+    request_barrier(server, LONG)
     assert device.uci_get("wireless.w0_index25.ssid") == ssid
     assert device.uci_get("wireless.w0_index25.key") == key
     assert device.uci_committed("wireless.w0_index25.key") == key
@@ -422,15 +374,15 @@ def test_single_band_device(device, server, start_agent):
     device.set_output("kapri_util.lua", '{"wifi0":"2.4G"}\n', "get_support_radio")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    assert radios_known(agent).endswith("=== support2G=1, support5G=0")
+    assert wait_radios_known(agent).endswith("=== support2G=1, support5G=0")
     device.clear_journal()
     reply = server.request("vekSetGuestNetworkConfig", dict(GUEST, interface="5GHz"), id="s5", timeout=LONG)
-    assert reply.raw == refused("s5")
+    assert reply.raw == invalid_parameter_reply("s5")
     reply = server.request("vekGetClientList", {"deviceId": MAC, "networkIndex": 50}, id="c50")
-    assert reply.raw == refused("c50", "Invalid network index.")
-    barrier(server)
-    assert not uci_sets(device)
-    assert not script_calls(device, "vekGetClientList")
+    assert reply.raw == invalid_parameter_reply("c50", "Invalid network index.")
+    request_barrier(server, LONG)
+    assert not uci_set_lines(device)
+    assert not script_call_lines(device, "vekGetClientList")
     reply = server.request("vekSetGuestNetworkConfig", GUEST, id="s24", timeout=LONG)
     assert reply.raw == SUCCESS % ("s24", MAC)
 
@@ -442,12 +394,12 @@ def test_station_mode_refuses_the_guest_network_of_that_radio_only(device, serve
     start_ready(device, server, start_agent)
     device.clear_journal()
     reply = server.request("vekSetGuestNetworkConfig", dict(GUEST, interface="5GHz"), id="n5", timeout=LONG)
-    assert reply.raw == refused("n5", NON_AP)
-    barrier(server)
-    assert not uci_sets(device)
+    assert reply.raw == invalid_parameter_reply("n5", NON_AP)
+    request_barrier(server, LONG)
+    assert not uci_set_lines(device)
     reply = server.request("vekSetGuestNetworkConfig", GUEST, id="n24", timeout=LONG)
     assert reply.raw == SUCCESS % ("n24", MAC)
     device.uci_ok("set", "wireless.wifi0.opmode=sta")
     device.uci_ok("commit", "wireless")
     reply = server.request("vekSetGuestNetworkConfig", GUEST, id="n0", timeout=LONG)
-    assert reply.raw == refused("n0", NON_AP)
+    assert reply.raw == invalid_parameter_reply("n0", NON_AP)

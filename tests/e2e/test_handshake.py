@@ -5,15 +5,10 @@ import time
 
 import pytest
 
-from conftest import MAC, scaled
+from conftest import MAC, agent_sleeps, scaled, set_conn_retry
 from rawpeer import OP_TEXT
 
 ABOUT = '{"jsonrpc":"2.0","id":"h1","method":"dxGetAbout","params":{"deviceId":"x"}}'
-
-
-def set_retry(device, seconds):
-    device.uci_ok("set", "korvatCloud.korvatCloud.conn_retry=%d" % seconds)
-    device.uci_ok("commit", "korvatCloud")
 
 
 def test_request_bytes(peer, start_agent):
@@ -46,7 +41,7 @@ def test_url_without_path_requests_root(peer, start_agent):
 
 
 def test_each_handshake_uses_a_fresh_key(device, peer, start_agent):
-    set_retry(device, 1)
+    set_conn_retry(device, 1)
     start_agent(peer.url())
     peer.accept(15)
     first = peer.read_request().key
@@ -83,13 +78,6 @@ def test_correct_accept_and_protocol_are_accepted(peer, start_agent):
     _answered_and_usable(peer)
 
 
-def agent_sleeps(device):
-    """The seconds of every sleep() the agent asked for, in order (the
-    sleep shim's record)."""
-    text = device.read_file("/tmp/fastsleep.log") or ""
-    return [int(line.split()[1]) for line in text.splitlines() if line.startswith("sleep ")]
-
-
 @pytest.mark.parametrize("answer", [
     dict(accept="dGhlIHNhbXBsZSBub25jZQ=="),
     dict(protocol="other-protocol"),
@@ -98,7 +86,7 @@ def agent_sleeps(device):
     dict(status=101, version="HTTP/1.0"),
 ], ids=["wrong-accept", "wrong-protocol", "protocol-list", "status-200", "http-1.0"])
 def test_refused_answers_are_retried_after_the_interval(device, peer, start_agent, answer):
-    set_retry(device, 2)
+    set_conn_retry(device, 2)
     # the agent's sleeps are recorded, and last as long as asked
     start_agent(peer.url(), fastsleep=True, env={"FASTSLEEP_SCALE": "1"})
     peer.accept(15)
@@ -118,7 +106,7 @@ def test_refused_answers_are_retried_after_the_interval(device, peer, start_agen
 
 
 def test_protocol_header_without_blank_is_refused(device, peer, start_agent):
-    set_retry(device, 1)
+    set_conn_retry(device, 1)
     start_agent(peer.url())
     peer.accept(15)
     peer.read_request()
@@ -130,7 +118,7 @@ def test_protocol_header_without_blank_is_refused(device, peer, start_agent):
 
 
 def test_peer_closing_during_headers_fails_the_attempt(device, peer, start_agent):
-    set_retry(device, 1)
+    set_conn_retry(device, 1)
     start_agent(peer.url())
     peer.accept(15)
     peer.read_request()
@@ -143,7 +131,7 @@ def test_peer_closing_during_headers_fails_the_attempt(device, peer, start_agent
 
 
 def test_server_that_never_answers_is_given_up_after_40_seconds(device, peer, start_agent):
-    set_retry(device, 1)
+    set_conn_retry(device, 1)
     start_agent(peer.url())
     peer.accept(15)
     peer.read_request()
@@ -185,7 +173,7 @@ def seed_time_of_key(key, earliest, latest):
 
 def test_the_generator_is_seeded_from_the_clock_before_every_handshake(device, peer,
                                                                      start_agent):
-    set_retry(device, 1)
+    set_conn_retry(device, 1)
     # the clock is the host's: the device shares it
     earliest = time.time()
     start_agent(peer.url())

@@ -4,13 +4,10 @@ RADIUS settings, client MACs and the server URL.  Whatever a field holds,
 only the tools the methods name run, and each tool gets the text literally
 (as the journal of the simulated device shows it), or the request is
 refused."""
-import json
-import re
-import time
 
 import pytest
 
-from conftest import MAC, wait_for
+from conftest import MAC, request_barrier, wait_for
 
 # Each would leave a marker file if the shell ran it as code.
 HOSTILE = [
@@ -39,30 +36,18 @@ def no_marker(device):
     return [m for m in MARKERS if device.exists(m)]
 
 
-@pytest.fixture
-def ready(connected):
-    agent, server = connected
-    agent.timer_tid()
-    agent.out.wait_for(re.compile(r"=== support2G=\d, support5G=\d"), timeout=15)
-    return agent, server
-
-
-def barrier(server):
-    """Every earlier request has been handled (one at a time)."""
-    assert server.request("dxGetAbout", {"deviceId": MAC}, id="barrier",
-                          timeout=LONG).data["result"]["deviceId"] == MAC
-
-
 @pytest.mark.parametrize("text", HOSTILE + ["http://fw.example/VK310 fw (v2).bin"])
-def test_a_firmware_url_reaches_the_tool_as_one_literal_argument(device, ready, text):
-    agent, server = ready
+def test_a_firmware_url_reaches_the_tool_as_one_literal_argument(device,
+                                                                 connected_with_radios_known,
+                                                                 text):
+    agent, server = connected_with_radios_known
     device.set_script("cli.sh", RECORD_ARGS)
     url = "http://fw.example/" + text
     reply = server.request("dxUpdateFirmware", {"deviceId": MAC, "url": url}, id="fw",
                            timeout=LONG)
     assert reply.raw == SUCCESS % ("fw", MAC)
     assert wait_for(lambda: device.exists("/tmp/fw-args"))
-    barrier(server)
+    request_barrier(server, LONG)
     assert device.read_file("/tmp/fw-args") == "1:fwupgrade\n2:%s\n" % url
     assert device.wait_journal("cli.sh fwupgrade " + url)
     assert no_marker(device) == []
@@ -73,13 +58,14 @@ def test_a_firmware_url_reaches_the_tool_as_one_literal_argument(device, ready, 
                                  "http://fw.example/a.bin\ttouch /tmp/pwned-tab",
                                  "http://fw.example/a.bin\rreboot",
                                  "http://fw.example/\x01.bin"])
-def test_a_firmware_url_with_a_control_character_is_refused(device, ready, url):
-    agent, server = ready
+def test_a_firmware_url_with_a_control_character_is_refused(device, connected_with_radios_known,
+                                                            url):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     reply = server.request("dxUpdateFirmware", {"deviceId": MAC, "url": url}, id="fwc",
                            timeout=LONG)
     assert reply.raw == INVALID % "fwc"
-    barrier(server)
+    request_barrier(server, LONG)
     assert not [line for line in device.journal() if line.startswith(("cli.sh", "reboot"))]
     assert not device.exists("/tmp/pwned-tab")
     assert not device.reboot_pending()
@@ -93,11 +79,12 @@ STATIC = {"deviceId": MAC, "deviceName": "Office AP", "deviceIpAddress": "192.16
 @pytest.mark.parametrize("field", ["deviceIpAddress", "deviceSubnetMask",
                                    "deviceDefaultGateway", "dnsServer1", "dnsServer2",
                                    "deviceName"])
-def test_hostile_lan_settings_reach_the_tools_literally(device, ready, field):
+def test_hostile_lan_settings_reach_the_tools_literally(device, connected_with_radios_known,
+                                                        field):
     """A mask such as "255.255.255.0; touch /tmp/x" passes the mask check
     (its four numbers read well): it must still reach the network check and
     UCI as text."""
-    agent, server = ready
+    agent, server = connected_with_radios_known
     for n, text in enumerate(HOSTILE):
         value = STATIC[field] + text if field != "deviceName" else text
         device.clear_journal()
@@ -105,7 +92,7 @@ def test_hostile_lan_settings_reach_the_tools_literally(device, ready, field):
                                id="n%d" % n, timeout=LONG)
         assert reply.data.get("result") == {"deviceId": MAC} or \
             reply.raw == INVALID % ("n%d" % n), reply.raw
-        barrier(server)
+        request_barrier(server, LONG)
         journal = device.journal()
         if field in ("deviceIpAddress", "deviceSubnetMask", "deviceDefaultGateway"):
             # the same-network check got the text as one argument
@@ -126,8 +113,9 @@ GUEST = {"deviceId": MAC, "interface": "2.4GHz", "ssid": "Guest-2", "guestEnable
 
 @pytest.mark.parametrize("field", ["gatewayIp", "subnetMask", "startingIp", "endingIp",
                                    "ssid", "password"])
-def test_hostile_guest_settings_reach_the_tools_literally(device, ready, field):
-    agent, server = ready
+def test_hostile_guest_settings_reach_the_tools_literally(device, connected_with_radios_known,
+                                                          field):
+    agent, server = connected_with_radios_known
     for n, text in enumerate(HOSTILE):
         value = GUEST[field] + text if field not in ("ssid",) else text[:32]
         if field == "password":
@@ -135,7 +123,7 @@ def test_hostile_guest_settings_reach_the_tools_literally(device, ready, field):
         device.clear_journal()
         reply = server.request("vekSetGuestNetworkConfig", dict(GUEST, **{field: value}),
                                id="g%d" % n, timeout=LONG)
-        barrier(server)
+        request_barrier(server, LONG)
         journal = device.journal()
         if field in ("gatewayIp", "subnetMask", "startingIp", "endingIp"):
             assert [line for line in journal if line.startswith("kapri_util.lua getNetwordId")
@@ -146,8 +134,8 @@ def test_hostile_guest_settings_reach_the_tools_literally(device, ready, field):
         assert no_marker(device) == [], (field, text)
 
 
-def test_hostile_wireless_settings_reach_uci_literally(device, ready):
-    agent, server = ready
+def test_hostile_wireless_settings_reach_uci_literally(device, connected_with_radios_known):
+    agent, server = connected_with_radios_known
     for n, text in enumerate(HOSTILE):
         ssid = text[:32]
         password = ("pass" + text)[:63]
@@ -165,7 +153,7 @@ def test_hostile_wireless_settings_reach_uci_literally(device, ready):
                                 "radiusSecret": secret, "enabled": True},
                                id="r%d" % n, timeout=LONG)
         assert reply.raw == SUCCESS % ("r%d" % n, MAC)
-        barrier(server)
+        request_barrier(server, LONG)
         journal = device.journal()
         for line in ("uci set wireless.w0_index1.ssid=" + ssid,
                      "uci set wireless.w0_index1.key=" + password,
@@ -175,8 +163,8 @@ def test_hostile_wireless_settings_reach_uci_literally(device, ready):
         assert no_marker(device) == [], text
 
 
-def test_a_hostile_client_mac_reaches_the_script_literally(device, ready):
-    agent, server = ready
+def test_a_hostile_client_mac_reaches_the_script_literally(device, connected_with_radios_known):
+    agent, server = connected_with_radios_known
     for n, text in enumerate(HOSTILE):
         device.clear_journal()
         server.request("vekGetClientStatus", {"deviceId": MAC, "cmac": text}, id="c%d" % n,
@@ -185,8 +173,8 @@ def test_a_hostile_client_mac_reaches_the_script_literally(device, ready):
         assert no_marker(device) == [], text
 
 
-def test_a_hostile_server_url_reaches_uci_literally(device, ready):
-    agent, server = ready
+def test_a_hostile_server_url_reaches_uci_literally(device, connected_with_radios_known):
+    agent, server = connected_with_radios_known
     # the agent restarts itself through the init script: keep that from running
     device.set_output("korvatCloud", "")
     for n, text in enumerate(HOSTILE):

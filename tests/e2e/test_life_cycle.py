@@ -8,8 +8,9 @@ import os
 import re
 import signal
 
-from conftest import (MAC, ROOT, Deadline, not_a_status_update, request_barrier, scaled,
-                      timer_barrier, wait_for, wait_ticks)
+from conftest import (MAC, REQUEST_QUEUED, ROOT, Deadline, about, agent_sleeps,
+                      not_a_status_update, request_barrier, scaled, settings, timer_barrier,
+                      wait_file_exists, wait_for, wait_request_queued, wait_ticks)
 
 BACKUPS = {
     "recv": "/etc/cloud_recv_cmd.backup",
@@ -23,24 +24,9 @@ BACKUPS = {
 SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.2; done\necho TAG-1\n'
 
 
-def about(id_):
-    return json.dumps({"jsonrpc": "2.0", "id": id_, "method": "dxGetAbout",
-                       "params": {"deviceId": MAC}}, separators=(",", ":"))
-
-
-def settings(device, **options):
-    for key, value in options.items():
-        device.uci_ok("set", "korvatCloud.korvatCloud.%s=%s" % (key, value))
-    device.uci_ok("commit", "korvatCloud")
-
-
 def backup_lines(device, name):
     text = device.read_file(BACKUPS[name])
     return None if text is None else text.splitlines()
-
-
-def wait_file(device, path, timeout=20):
-    return wait_for(lambda: device.read_file(path) is not None, timeout)
 
 
 def wait_emptied(device, path, timeout=30):
@@ -52,18 +38,9 @@ def wait_count(device, line, count, timeout=30):
 
 
 # the agent's debug lines of its queues
-RECEIVED = r"queueWriter\]\[LINE 573\]: produceObject: end$"     # a request queued
 REPLY_QUEUED = r"\]\[LINE 682\]: produceObject: end$"             # a reply queued
 UPDATE_STARTS = r"logStatusUpdates\]\[LINE 120\]"                 # a status update begun
 UPDATE_QUEUED = r"logStatusUpdates\]\[LINE 272\]"                 # a status update queued
-
-
-def wait_received(agent, id_, timeout=20):
-    """Waits until the agent has put the request with this id into its
-    receive queue (its frame dump, then the queue's debug line)."""
-    i = agent.out.wait_for(re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % re.escape(id_)),
-                           timeout)
-    agent.out.wait_for(re.compile(RECEIVED), timeout, start=i)
 
 
 def lines_since(agent, pattern, start):
@@ -99,7 +76,7 @@ def test_sigterm_to_the_timer_saves_every_queue_and_the_next_start_sends_them(
     assert device.wait_journal("sntool")
     for name in ("r1", "r2", "r3"):
         server.send_text(about(name))
-    wait_received(agent, "r3")
+    wait_request_queued(agent, "r3")
     # the server goes away: status updates and events pile up
     server.pause()
     server.drop(first)
@@ -178,7 +155,7 @@ def test_replies_waiting_for_the_server_survive_a_stop(device, server, start_age
     assert device.wait_journal("sntool")
     for name in ("a1", "a2", "a3"):
         server.send_text(about(name))
-    wait_received(agent, "a3")
+    wait_request_queued(agent, "a3")
     server.pause()
     server.drop(first)
     agent.out.wait_for(re.compile(r"\] ACK close\.$"), timeout=10)
@@ -230,10 +207,7 @@ def test_a_stop_under_load_runs_nothing_twice(device, server, start_agent):
     names = ["q%d" % i for i in range(1, 9)]
     for name in names:
         server.send_text(about(name))
-    wait_received = lambda name: agent.out.wait_for(  # noqa: E731
-        re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % name), 20)
-    agent.out.wait_for(re.compile(r"queueWriter\]\[LINE 573\]: produceObject: end$"),
-                       20, start=wait_received("q8"))
+    wait_request_queued(agent, "q8")
     device.set_script("killall", SLOW_KILLALL)
 
     device.signal_thread(timer, signal.SIGTERM)
@@ -343,13 +317,6 @@ def test_the_flash_copies_are_moved_to_etc_before_the_restore(device, server, st
 
 
 # ---- the luci-reload pause -----------------------------------------------
-
-def agent_sleeps(device):
-    """The seconds of every sleep() the agent asked for, in order (the
-    sleep shim's record)."""
-    text = device.read_file("/tmp/fastsleep.log") or ""
-    return [int(line.split()[1]) for line in text.splitlines() if line.startswith("sleep ")]
-
 
 def test_a_request_waits_while_the_web_configuration_reloads(device, server, start_agent):
     # the agent's sleeps are recorded, and last as long as asked
@@ -465,11 +432,11 @@ def test_init_script_stop_saves_the_queues_and_ends_the_agent(device, server, tm
     device.uci_ok("commit", "korvatCloud")
     device.start(["/bin/sh", "-c", "touch /tmp/.booted; exec sleep 3600"], agent=AGENT,
                  binds=[(net, "/sys/class/net")])
-    assert wait_file(device, "/tmp/.booted")
+    assert wait_file_exists(device, "/tmp/.booted")
     r = device.exec(["/etc/init.d/korvatCloud", "start"])
     assert r.returncode == 0, r.stderr
     server.wait_for_connection(20)
-    assert wait_file(device, "/tmp/cloud_timer_pid")
+    assert wait_file_exists(device, "/tmp/cloud_timer_pid")
     device.set_script("sntool", SLOW_WHILE)
     device.write_file("/tmp/slow", "")
     server.send_text(about("busy"))
@@ -482,7 +449,7 @@ def test_init_script_stop_saves_the_queues_and_ends_the_agent(device, server, tm
         out = (device.read_file(INSTANCE_LOG) or "").splitlines()
         dumped = [i for i, line in enumerate(out)
                   if re.match(r'^\{"jsonrpc":"2\.0","id":"%s",' % id_, line)]
-        return dumped and any(re.search(RECEIVED, line) for line in out[dumped[0]:])
+        return dumped and any(re.search(REQUEST_QUEUED, line) for line in out[dumped[0]:])
     assert wait_for(lambda: queued("s2"), 20)
     r = device.exec(["/etc/init.d/korvatCloud", "stop"], timeout=scaled(60))
     assert r.returncode == 0, r.stderr

@@ -10,28 +10,12 @@ import json
 import re
 import subprocess
 
-import pytest
-
-from conftest import AGENT, MAC, Agent, request_text, scaled, wait_for
+from conftest import AGENT, CET, MAC, Agent, request_text, scaled, wait_for, wait_start_up_commands
 
 # Results and events may be more than 40 s apart on a loaded machine.
 SERVER_PING_INTERVAL = 15
-
-CET = {"TZ": "CET-1"}
-
-
-def settle(device):
-    """Waits for the agent's start-up commands to be over."""
-    assert device.wait_journal("uci get korvatCloud.korvatCloud.beta_mode", 20)
-    assert device.wait_journal("uci get korvatCloud.korvatCloud.auto_update", 20)
-
-
-@pytest.fixture
-def ready(device, server, start_agent):
-    agent = start_agent(server.url, env=CET)
-    server.wait_for_connection(15)
-    settle(device)
-    return agent, server
+# The agent's local time is CET (connected).
+AGENT_ENV = CET
 
 
 def stream(server, enable, id_="s"):
@@ -65,8 +49,8 @@ def start_system_follower(device):
     return pid
 
 
-def test_only_the_agents_own_follower_is_stopped(device, ready):
-    agent, server = ready
+def test_only_the_agents_own_follower_is_stopped(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     system = start_system_follower(device)
     device.clear_journal()
     stream(server, True, "on")
@@ -100,7 +84,7 @@ def test_a_follower_left_by_a_killed_agent_is_stopped_at_the_next_start(device, 
     first = Agent(device, launcher)
     try:
         server.wait_for_connection(15)
-        settle(device)
+        wait_start_up_commands(device)
         stream(server, True, "on")
         left = own_follower(device)
         assert wait_for(lambda: device.exists("/tmp/cloud_log_file"))
@@ -132,7 +116,7 @@ def test_a_killed_agent_leaves_no_ghost_connection(device, server):
     agent = Agent(device, launcher)
     try:
         conn = server.wait_for_connection(15)
-        settle(device)
+        wait_start_up_commands(device)
         stream(server, True, "on")
         assert device.wait_journal("logread -f")
         assert wait_for(lambda: device.find("logread") != [])
@@ -155,8 +139,8 @@ def burst_line(n):
     return "Nov 15 23:12:24 VK310 user.notice app: burst %04d %s" % (n, "x" * 400)
 
 
-def test_a_burst_goes_out_below_64_kib_every_line_once_in_order(device, ready):
-    agent, server = ready
+def test_a_burst_goes_out_below_64_kib_every_line_once_in_order(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     stream(server, True, "b")
     assert device.wait_journal("logread -f")
     device.append_syslog("\n".join(burst_line(n) for n in range(BURST)))
@@ -190,7 +174,7 @@ def test_the_agents_own_output_is_not_streamed_back(device, server, start_agent)
     into the next one."""
     agent = start_agent(server.url, env=CET, stdout_to_syslog=True)
     server.wait_for_connection(15)
-    settle(device)
+    wait_start_up_commands(device)
     # the agent's lines do reach the system log
     assert wait_for(lambda: re.search(r" daemon\.info korvat-cloud\[\d+\]: ",
                                       device.syslog() or ""))

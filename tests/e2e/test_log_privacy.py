@@ -4,28 +4,19 @@ web interface): Wi-Fi pass-phrases and RADIUS secrets read "***" in the
 frame dumps and debug lines, while the wire carries them unchanged."""
 import re
 
-import pytest
-
 from conftest import MAC
 
 PASSPHRASE = "Pa55-phrase-of-the-office"
 SECRET = "radius-S3cret-value"
 
 
-@pytest.fixture
-def ready(connected):
-    agent, server = connected
-    agent.timer_tid()
-    agent.out.wait_for(re.compile(r"=== support2G=\d, support5G=\d"), timeout=15)
-    return agent, server
-
-
 def printed(agent):
     return agent.out.text() + "\n" + agent.err.text()
 
 
-def test_secrets_of_a_request_stay_out_of_the_dumps_and_debug_lines(device, ready):
-    agent, server = ready
+def test_secrets_of_a_request_stay_out_of_the_dumps_and_debug_lines(device,
+                                                                    connected_with_radios_known):
+    agent, server = connected_with_radios_known
     reply = server.request("vekSetNetworkConfig",
                            {"deviceId": MAC, "networkIndex": 1, "ssid": "Office",
                             "security": "WPA2-PSK", "password": PASSPHRASE, "enabled": True},
@@ -56,8 +47,9 @@ def test_secrets_of_a_request_stay_out_of_the_dumps_and_debug_lines(device, read
     assert SECRET not in text
 
 
-def test_secrets_of_a_reply_go_out_whole_and_are_dumped_hidden(device, ready):
-    agent, server = ready
+def test_secrets_of_a_reply_go_out_whole_and_are_dumped_hidden(device,
+                                                               connected_with_radios_known):
+    agent, server = connected_with_radios_known
     device.uci_ok("set", "wireless.w0_index1.key=%s" % PASSPHRASE)
     device.uci_ok("commit", "wireless")
     reply = server.request("vekGetNetworkConfig", {"deviceId": MAC, "networkIndex": 1},

@@ -8,16 +8,13 @@ import json
 import os
 import re
 
-import pytest
-
-from conftest import (MAC, about, request_barrier, request_text, settings, timer_barrier,
-                      wait_for, wait_ticks)
+from conftest import (CET, MAC, about, journal_lines, request_barrier, request_text, settings,
+                      timer_barrier, unsolicited, wait_for, wait_request_queued,
+                      wait_start_up_commands, wait_ticks)
 
 INVALID = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
            '"message":"Invalid method parameter","data":""}}')
 SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
-CET = {"TZ": "CET-1"}
-
 # sntool stalls while /tmp/slow exists: the main thread stays in that one
 # request while others queue up behind it
 SLOW_WHILE = 'while [ -e /tmp/slow ]; do sleep 0.1; done\necho TAG-1\n'
@@ -49,44 +46,10 @@ def flash(device):
             for name in sorted(os.listdir(os.path.join(device.run, "flash")))}
 
 
-def settle(device):
-    """Waits for the agent's start-up commands (the timer's and the status
-    thread's first reads) so that they stay out of a test's journal."""
-    assert device.wait_journal("uci get korvatCloud.korvatCloud.beta_mode", 20)
-    assert device.wait_journal(
-        "uci get korvatCloud.korvatCloud.auto_update", 20)
-    wait_ticks(device, 2)
-
-
-def lines(device, *prefixes):
-    """The journal lines that start with one of prefixes, in order."""
-    return [line for line in device.journal() if line.startswith(prefixes)]
-
-
 def next_reply(server, timeout=30):
     """The next message that is not a status update (status updates stay
     queued)."""
     return server.next_message(timeout, predicate=lambda m: m.method != "dsLogStatusUpdates")
-
-
-def no_messages(server):
-    return [m for m in server.messages if m.method != "dsLogStatusUpdates"] == []
-
-
-@pytest.fixture
-def ready(device, connected):
-    settle(device)
-    device.clear_journal()
-    return connected
-
-
-def wait_received(agent, id_, timeout=20):
-    """Waits until the agent has put the request with this id into its
-    receive queue (its frame dump, then the queue's debug line)."""
-    i = agent.out.wait_for(re.compile(r'^\{"jsonrpc":"2\.0","id":"%s",' % re.escape(id_)),
-                           timeout)
-    agent.out.wait_for(re.compile(r"queueWriter\]\[LINE 573\]: produceObject: end$"),
-                       timeout, start=i)
 
 
 def new_connection(server, count, timeout=30):
@@ -101,7 +64,7 @@ def test_reset_replies_then_leaves_an_event_reboots_and_copies_the_backups(devic
                                                                           start_agent):
     agent = start_agent(server.url, env=CET)
     server.wait_for_connection(15)
-    settle(device)
+    wait_start_up_commands(device)
     device.clear_journal()
     server.send_text(request_text("dxResetDevice", {"deviceId": "x"}, "reset"))
     reply = next_reply(server)
@@ -120,7 +83,7 @@ def test_reset_replies_then_leaves_an_event_reboots_and_copies_the_backups(devic
     evt_at = datetime.datetime.strptime(when.replace("+01:00", "+0100"),
                                         "%Y-%m-%dT%H:%M:%S%z").timestamp()
     assert device.reboot_requested_at() - evt_at >= 1.95
-    assert lines(device, "kapri_util.lua", "reboot") == [
+    assert journal_lines(device, "kapri_util.lua", "reboot") == [
         "kapri_util.lua add_a_notification 2 INFO Reboot", "reboot",
         "kapri_util.lua backup_cloud_files"]
     # the device goes down a moment later
@@ -134,7 +97,7 @@ def test_reset_takes_the_waiting_requests_across_the_reboot(device, server, star
     device.set_script("sntool", SLOW_WHILE)
     first_agent = start_agent(server.url)
     first = server.wait_for_connection(15)
-    settle(device)
+    wait_start_up_commands(device)
     device.write_file("/tmp/slow", "")
     server.send_text(about("busy"))
     assert device.wait_journal("sntool")
@@ -142,7 +105,7 @@ def test_reset_takes_the_waiting_requests_across_the_reboot(device, server, star
     server.send_text(request_text("dxResetDevice", {"deviceId": MAC}, "reset"))
     server.send_text(about("a1"))
     server.send_text(about("a2"))
-    wait_received(first_agent, "a2")
+    wait_request_queued(first_agent, "a2")
     device.remove_file("/tmp/slow")
     got = [next_reply(server), next_reply(server)]
     assert got[0].data["id"] == "busy" and "result" in got[0].data
@@ -179,7 +142,7 @@ def test_reset_takes_the_waiting_requests_across_the_reboot(device, server, star
             assert message.conn is second
             replies[message.data["id"]] = message
     assert all("result" in m.data for m in replies.values())
-    assert lines(device, "mount", "umount", "sntool") == [
+    assert journal_lines(device, "mount", "umount", "sntool") == [
         "mount -t jffs2 /dev/mtdblock2 /mnt/_sys1", "umount /mnt/_sys1", "sntool", "sntool"]
     # the copies were moved off the flash (cp; rm) and the mount point
     # removed after the umount (rm -r): no device tools, so their work is
@@ -208,13 +171,13 @@ def test_replies_that_could_not_leave_before_a_reset_go_out_after_the_boot(devic
     device.set_script("sntool", SLOW_WHILE)
     first_agent = start_agent(server.url)
     first = server.wait_for_connection(15)
-    settle(device)
+    wait_start_up_commands(device)
     device.write_file("/tmp/slow", "")
     server.send_text(about("busy"))
     assert device.wait_journal("sntool")
     server.send_text(request_text("dxResetDevice", {"deviceId": MAC}, "reset"))
     server.send_text(about("a1"))
-    wait_received(first_agent, "a1")
+    wait_request_queued(first_agent, "a1")
     # the server goes away before any reply is made: they wait in the agent
     server.pause()
     server.drop(first)
@@ -231,7 +194,7 @@ def test_replies_that_could_not_leave_before_a_reset_go_out_after_the_boot(devic
     # busy one's too, unless the sending thread had taken it already (it
     # then goes down with the reboot, unsent)
     assert saved_ids in (["reset"], ["busy", "reset"]), saved_ids
-    assert no_messages(server)
+    assert not unsolicited(server)
 
     # the next boot sends the saved replies, then runs a1: each once
     server.resume()
@@ -251,20 +214,21 @@ def test_replies_that_could_not_leave_before_a_reset_go_out_after_the_boot(devic
     assert "reboot" not in device.journal()
 
 
-def test_reset_without_device_id_does_nothing(device, ready):
-    agent, server = ready
+def test_reset_without_device_id_does_nothing(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     reply = server.request("dxResetDevice", {"deviceID2": MAC}, id="nr")
     assert reply.raw == INVALID % "nr"
     request_barrier(server)
-    assert lines(device, "reboot", "kapri_util.lua") == []
+    assert journal_lines(device, "reboot", "kapri_util.lua") == []
     assert not device.reboot_pending()
     assert agent.alive()
 
 
 # ---- dxUpdateFirmware -------------------------------------------------------
 
-def test_firmware_url_reaches_the_tool_with_its_semicolon_escaped(device, ready):
-    agent, server = ready
+def test_firmware_url_reaches_the_tool_with_its_semicolon_escaped(device,
+                                                                  connected_after_start_up):
+    agent, server = connected_after_start_up
     device.set_script("cli.sh", ANNOUNCE % "fw")
     reply = server.request("dxUpdateFirmware",
                            {"deviceId": MAC, "url": "a;reboot", "saveAndRestore": True}, id="fw")
@@ -276,13 +240,13 @@ def test_firmware_url_reaches_the_tool_with_its_semicolon_escaped(device, ready)
         r"\]: Save configurations before firmware update\.\.\.\(Not Implement Yet!\)$"))
     assert save < cmd
     # one argument with the semicolon in it; nothing else ran
-    assert lines(device, "cli.sh", "reboot") == ["cli.sh fwupgrade a;reboot"]
+    assert journal_lines(device, "cli.sh", "reboot") == ["cli.sh fwupgrade a;reboot"]
     assert not device.reboot_pending()
     assert agent.alive()
 
 
-def test_firmware_without_save_says_so(device, ready):
-    agent, server = ready
+def test_firmware_without_save_says_so(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     url = "http://fw.example/VK310 (v2).bin"
     reply = server.request("dxUpdateFirmware",
                            {"deviceId": MAC, "url": url, "saveAndRestore": 0}, id="fw2")
@@ -295,13 +259,13 @@ def test_firmware_without_save_says_so(device, ready):
         r'cmd = "/bin/cli\.sh fwupgrade http://fw\.example/VK310\\ \\\(v2\\\)\.bin " ===$'))
 
 
-def test_firmware_without_a_url_is_refused(device, ready):
-    agent, server = ready
+def test_firmware_without_a_url_is_refused(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     for id_, params in (("f1", {"deviceId": MAC}), ("f2", {"deviceId": MAC, "url": ""}),
                         ("f3", {"deviceId": MAC, "url": 3}), ("f4", {"url": "http://x/fw"})):
         assert server.request("dxUpdateFirmware", params, id=id_).raw == INVALID % id_
     request_barrier(server)
-    assert lines(device, "cli.sh") == []
+    assert journal_lines(device, "cli.sh") == []
 
 
 # ---- dxStreamSystemLogs -----------------------------------------------------
@@ -313,8 +277,9 @@ def stream(server, enable, id_="abc", device_id=True):
     server.send_text(request_text("dxStreamSystemLogs", params, id_))
 
 
-def test_streaming_on_starts_a_capture_and_later_lines_carry_the_id(device, ready):
-    agent, server = ready
+def test_streaming_on_starts_a_capture_and_later_lines_carry_the_id(device,
+                                                                    connected_after_start_up):
+    agent, server = connected_after_start_up
     device.write_file("/tmp/cloud_log_file", "an old capture\n")
     # a second name for the old capture: its file stays, with its lines,
     # when the agent removes the name (rm), and not when it only empties it
@@ -322,7 +287,7 @@ def test_streaming_on_starts_a_capture_and_later_lines_carry_the_id(device, read
     assert r.returncode == 0, r.stderr
     stream(server, True, "abc")
     assert device.wait_journal("logread -f")
-    assert lines(device, "killall", "logread") == ["logread -f"]
+    assert journal_lines(device, "killall", "logread") == ["logread -f"]
     # the agent keeps the id of its own follower
     assert wait_for(lambda: (device.read_file("/tmp/cloud_logread_pid") or "").strip().isdigit())
     pid = int(device.read_file("/tmp/cloud_logread_pid"))
@@ -337,11 +302,11 @@ def test_streaming_on_starts_a_capture_and_later_lines_carry_the_id(device, read
     assert result.data["id"] == "abc" and result.data["stream"] is True
     assert [log["message"] for log in result.data["result"]["logs"]] == ["first "]
     # no reply of its own: the first message was the streamed result
-    assert no_messages(server)
+    assert not unsolicited(server)
 
 
-def test_streaming_off_stops_the_capture(device, ready):
-    agent, server = ready
+def test_streaming_off_stops_the_capture(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     stream(server, True, "on")
     assert device.wait_journal("logread -f")
     assert wait_for(lambda: device.find("logread") != [])
@@ -350,17 +315,17 @@ def test_streaming_off_stops_the_capture(device, ready):
     assert wait_for(lambda: not device.exists("/tmp/cloud_log_file"))
     assert wait_for(lambda: device.find("logread") == [])
     assert not device.exists("/tmp/cloud_logread_pid")
-    assert lines(device, "killall", "logread") == []
+    assert journal_lines(device, "killall", "logread") == []
     device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: after the end")
     # a streaming period (five ticks) and more, then a reply queued after
     # anything it could have sent
     wait_ticks(device, 6)
     request_barrier(server)
-    assert no_messages(server)
+    assert not unsolicited(server)
 
 
-def test_streaming_is_switched_before_the_device_id_is_refused(device, ready):
-    agent, server = ready
+def test_streaming_is_switched_before_the_device_id_is_refused(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     stream(server, True, "nd", device_id=False)
     reply = next_reply(server)
     assert reply.raw == INVALID % "nd"
@@ -370,32 +335,33 @@ def test_streaming_is_switched_before_the_device_id_is_refused(device, ready):
     device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: unsent")
     wait_ticks(device, 6)
     request_barrier(server)
-    assert no_messages(server)
+    assert not unsolicited(server)
 
 
-def test_a_numeric_request_id_is_refused_before_streaming(device, ready):
-    agent, server = ready
+def test_a_numeric_request_id_is_refused_before_streaming(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     server.send_text('{"jsonrpc":"2.0","id":7,"method":"dxStreamSystemLogs",'
                      '"params":{"deviceId":"%s","enable":true}}' % MAC)
     reply = next_reply(server)
     assert reply.raw == ('{"jsonrpc":"2.0","id":null,"error":{"code":-32600,'
                          '"message":"The JSON sent is not a valid Request object","data":""}}')
     request_barrier(server)
-    assert lines(device, "killall", "logread") == []
+    assert journal_lines(device, "killall", "logread") == []
     assert not device.exists("/tmp/cloud_log_file")
 
 
 # ---- dxSetLoggingMode -------------------------------------------------------
 
-def test_production_mode_sets_printk_commits_and_applies_after_the_reply(device, ready):
-    agent, server = ready
+def test_production_mode_sets_printk_commits_and_applies_after_the_reply(device,
+                                                                         connected_after_start_up):
+    agent, server = connected_after_start_up
     settings(device, syslog_mode="DEBUG")
     device.set_script("kapri_util.lua", ANNOUNCE % "apply" + "uci commit\n", "cloud_action_apply")
     reply = server.request("dxSetLoggingMode", {"deviceId": MAC, "mode": "PRODUCTION"}, id="lm")
     assert reply.raw == SUCCESS % ("lm", MAC)
     assert queued_before_the_tool(agent, "apply", "lm"), "applied before the reply was queued"
     assert device.wait_journal("uci commit")  # the apply step's own commit
-    assert lines(device, "uci set", "uci commit", "kapri_util.lua") == [
+    assert journal_lines(device, "uci set", "uci commit", "kapri_util.lua") == [
         "uci set korvatCloud.korvatCloud.syslog_mode=PRODUCTION",
         "uci commit korvatCloud.korvatCloud.syslog_mode",
         "kapri_util.lua cloud_action_apply", "uci commit"]
@@ -403,8 +369,8 @@ def test_production_mode_sets_printk_commits_and_applies_after_the_reply(device,
     assert device.uci_committed("korvatCloud.korvatCloud.syslog_mode") == "PRODUCTION"
 
 
-def test_debug_mode_sets_printk_seven(device, ready):
-    agent, server = ready
+def test_debug_mode_sets_printk_seven(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     reply = server.request("dxSetLoggingMode", {"deviceId": MAC, "mode": "DEBUG"}, id="ld")
     assert reply.raw == SUCCESS % ("ld", MAC)
     assert device.wait_journal("kapri_util.lua cloud_action_apply")
@@ -413,22 +379,22 @@ def test_debug_mode_sets_printk_seven(device, ready):
     assert settings_text == "DEBUG"
 
 
-def test_other_modes_are_refused_and_nothing_changes(device, ready):
-    agent, server = ready
+def test_other_modes_are_refused_and_nothing_changes(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     for id_, mode in (("m1", "production"), ("m2", "Debug"), ("m3", "")):
         reply = server.request("dxSetLoggingMode", {"deviceId": MAC, "mode": mode}, id=id_)
         assert reply.raw == INVALID % id_
     assert server.request("dxSetLoggingMode", {"deviceId": MAC}, id="m4").raw == INVALID % "m4"
     request_barrier(server)
-    assert lines(device, "uci set", "uci commit", "kapri_util.lua") == []
+    assert journal_lines(device, "uci set", "uci commit", "kapri_util.lua") == []
     assert device.read_file("/proc/sys/kernel/printk") == "4\t4\t1\t7\n"
     assert device.uci_committed("korvatCloud.korvatCloud.syslog_mode") == "PRODUCTION"
 
 
 # ---- status-update frequency ------------------------------------------------
 
-def test_get_frequency_reads_uci(device, ready):
-    agent, server = ready
+def test_get_frequency_reads_uci(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     reply = server.request("dxGetStatusUpdateFrequency", {"deviceId": MAC}, id="g1")
     assert reply.raw == ('{"jsonrpc":"2.0","id":"g1","result":{"deviceId":"%s",'
                          '"frequency":60}}' % MAC)
@@ -440,13 +406,13 @@ def test_get_frequency_reads_uci(device, ready):
     assert server.request("dxGetStatusUpdateFrequency", {}, id="g3").raw == INVALID % "g3"
 
 
-def test_set_frequency_replies_then_writes_and_commits(device, ready):
-    agent, server = ready
+def test_set_frequency_replies_then_writes_and_commits(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     reply = server.request("dxSetStatusUpdateFrequency", {"deviceId": MAC, "frequency": 300},
                            id="s1")
     assert reply.raw == SUCCESS % ("s1", MAC)
     assert device.wait_journal("uci commit korvatCloud.korvatCloud.auto_update")
-    assert lines(device, "uci set", "uci commit") == [
+    assert journal_lines(device, "uci set", "uci commit") == [
         "uci set korvatCloud.korvatCloud.auto_update=300",
         "uci commit korvatCloud.korvatCloud.auto_update"]
     assert device.uci_committed("korvatCloud.korvatCloud.auto_update") == "300"
@@ -454,8 +420,8 @@ def test_set_frequency_replies_then_writes_and_commits(device, ready):
     assert reply.data["result"]["frequency"] == 300
 
 
-def test_frequency_zero_or_a_string_is_refused(device, ready):
-    agent, server = ready
+def test_frequency_zero_or_a_string_is_refused(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     for id_, value in (("z1", 0), ("z2", "30"), ("z3", -60)):
         reply = server.request("dxSetStatusUpdateFrequency",
                                {"deviceId": MAC, "frequency": value}, id=id_)
@@ -463,21 +429,22 @@ def test_frequency_zero_or_a_string_is_refused(device, ready):
     reply = server.request("dxSetStatusUpdateFrequency", {"deviceId": MAC}, id="z4")
     assert reply.raw == INVALID % "z4"
     request_barrier(server)
-    assert lines(device, "uci set", "uci commit") == []
+    assert journal_lines(device, "uci set", "uci commit") == []
     assert device.uci_committed("korvatCloud.korvatCloud.auto_update") == "60"
 
 
 # ---- dxSetCloudServerUrl ----------------------------------------------------
 
-def test_server_url_with_port_65535_is_written_and_the_agent_restarts(device, ready):
-    agent, server = ready
+def test_server_url_with_port_65535_is_written_and_the_agent_restarts(device,
+                                                                      connected_after_start_up):
+    agent, server = connected_after_start_up
     device.set_script("korvatCloud", ANNOUNCE % "restart", "restart")
     url = 'wss://cloud.example/a"b$(touch /tmp/pwned)'
     reply = server.request("dxSetCloudServerUrl", {"deviceId": MAC, "url": url, "port": 65535},
                            id="u1")
     assert reply.raw == SUCCESS % ("u1", MAC)
     assert queued_before_the_tool(agent, "restart", "u1"), "restarted before the reply was queued"
-    assert lines(device, "uci set", "uci commit", "korvatCloud") == [
+    assert journal_lines(device, "uci set", "uci commit", "korvatCloud") == [
         "uci set korvatCloud.korvatCloud.port_number=65535",
         "uci commit",
         "uci set korvatCloud.korvatCloud.server_url=" + url,
@@ -488,8 +455,8 @@ def test_server_url_with_port_65535_is_written_and_the_agent_restarts(device, re
     assert not device.exists("/tmp/pwned")
 
 
-def test_server_port_0_or_65536_is_refused(device, ready):
-    agent, server = ready
+def test_server_port_0_or_65536_is_refused(device, connected_after_start_up):
+    agent, server = connected_after_start_up
     for id_, params in (("p0", {"deviceId": MAC, "url": "ws://a", "port": 0}),
                         ("p1", {"deviceId": MAC, "url": "ws://a", "port": 65536}),
                         ("p2", {"deviceId": MAC, "url": "ws://a"}),
@@ -498,6 +465,6 @@ def test_server_port_0_or_65536_is_refused(device, ready):
         reply = server.request("dxSetCloudServerUrl", params, id=id_)
         assert reply.raw == INVALID % id_
     request_barrier(server)
-    assert lines(device, "uci set", "uci commit", "korvatCloud") == []
+    assert journal_lines(device, "uci set", "uci commit", "korvatCloud") == []
     assert device.uci_committed("korvatCloud.korvatCloud.port_number") == "8080"
     assert device.uci_committed("korvatCloud.korvatCloud.server_url") == "ws://127.0.0.1"

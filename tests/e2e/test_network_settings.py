@@ -7,7 +7,7 @@ import re
 
 import pytest
 
-from conftest import MAC, request_barrier, wait_for
+from conftest import MAC, request_barrier, uci_set_lines, uci_write_lines, wait_uci_committed
 
 INVALID = '{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,"message":"Invalid method parameter","data":""}}'
 NOT_APPLIED = ('{"jsonrpc":"2.0","id":"%s","error":{"code":10001,"message":"Cannot execute request '
@@ -17,15 +17,6 @@ SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
 STATIC = {"deviceId": MAC, "deviceName": "Office AP", "deviceIpAddress": "192.168.1.20",
           "deviceSubnetMask": "255.255.255.0", "deviceDefaultGateway": "192.168.1.1",
           "dhcpEnabled": False, "dnsServer1": "192.168.1.1", "dnsServer2": "9.9.9.9"}
-
-
-def wait_committed(device, path, value, timeout=10):
-    wait_for(lambda: device.uci_committed(path) == value, timeout)
-    return device.uci_committed(path)
-
-
-def uci_sets(device):
-    return [line for line in device.journal() if line.startswith("uci set ")]
 
 
 def test_get_network_settings_static_exact_reply(connected):
@@ -79,7 +70,7 @@ def test_set_static_settings_writes_in_order_then_applies_after_the_reply(device
         r"queueReader: dxSetNetworkSettings method reply ack message is sent\.$"), start=start)
     applied = agent.out.wait_for("device tool ran: apply", start=start)
     assert sent < applied, "applied before the reply was out"
-    assert uci_sets(device) == [
+    assert uci_set_lines(device) == [
         "uci set snmpd.snmpv2.sysName=Office AP",
         "uci set system.system.SystemName=Office AP",
         "uci set system.system.SystemName=Office AP",
@@ -95,7 +86,7 @@ def test_set_static_settings_writes_in_order_then_applies_after_the_reply(device
     assert "kapri_util.lua getNetwordId 192.168.1.20 255.255.255.0" in journal
     assert "kapri_util.lua getNetwordId 192.168.1.1 255.255.255.0" in journal
     # committed by the apply step; the device now reports the new address
-    assert wait_committed(device, "network.lan.ipaddr", "192.168.1.20") == "192.168.1.20"
+    assert wait_uci_committed(device, "network.lan.ipaddr", "192.168.1.20") == "192.168.1.20"
     assert device.uci_committed("system.system.SystemName") == "Office AP"
     after = server.request("dxGetNetworkSettings", {"deviceId": MAC}, id="5")
     assert after.data["result"]["deviceIpAddress"] == "192.168.1.20"
@@ -110,7 +101,7 @@ def test_dhcp_with_only_device_id_is_accepted(device, connected):
     reply = server.request("dxSetNetworkSettings", {"deviceId": MAC, "dhcpEnabled": True}, id="6")
     assert reply.raw == SUCCESS % ("6", MAC)
     assert device.wait_journal("kapri_util.lua cloud_action_apply")
-    assert wait_committed(device, "network.lan.proto", "dhcp") == "dhcp"
+    assert wait_uci_committed(device, "network.lan.proto", "dhcp") == "dhcp"
     assert device.uci_committed("dhcp.@dnsmasq[0].resolvfile") == "/tmp/resolv.conf.auto"
     # the current values were written back; the same name changes nothing
     assert "uci set snmpd.snmpv2.sysName=VK310-AP" not in device.journal()
@@ -137,7 +128,7 @@ def test_a_name_is_cut_to_20_characters(device, connected):
     params = dict(STATIC, deviceName="A" * 25)
     server.request("dxSetNetworkSettings", params, id="8")
     assert device.wait_journal("kapri_util.lua cloud_action_apply")
-    assert wait_committed(device, "system.system.SystemName", "A" * 20) == "A" * 20
+    assert wait_uci_committed(device, "system.system.SystemName", "A" * 20) == "A" * 20
 
 
 @pytest.mark.parametrize("name,params", [
@@ -157,10 +148,8 @@ def test_refusals_come_before_any_write(device, connected, name, params):
     reply = server.request("dxSetNetworkSettings", params, id="r")
     assert reply.raw == INVALID % "r"
     request_barrier(server)
-    journal = device.journal()
-    assert not any(line.startswith("uci set") or line.startswith("uci commit")
-                   for line in journal), journal
-    assert "kapri_util.lua cloud_action_apply" not in journal
+    assert uci_write_lines(device) == []
+    assert "kapri_util.lua cloud_action_apply" not in device.journal()
 
 
 def test_a_new_name_is_committed_even_when_a_later_check_refuses(device, connected):
@@ -171,7 +160,7 @@ def test_a_new_name_is_committed_even_when_a_later_check_refuses(device, connect
     reply = server.request("dxSetNetworkSettings", params, id="n")
     assert reply.raw == INVALID % "n"
     request_barrier(server)
-    assert uci_sets(device) == ["uci set snmpd.snmpv2.sysName=Office AP",
+    assert uci_set_lines(device) == ["uci set snmpd.snmpv2.sysName=Office AP",
                                 "uci set system.system.SystemName=Office AP"]
     assert device.uci_committed("system.system.SystemName") == "Office AP"
     assert device.uci_committed("network.lan.ipaddr") == "192.168.1.2"
@@ -243,5 +232,5 @@ def test_request_text_reaches_uci_literally(device, connected):
     assert reply.raw == SUCCESS % ("q", MAC)
     assert device.wait_journal("kapri_util.lua cloud_action_apply")
     assert "uci set system.system.SystemName=" + name[:20] in device.journal()
-    assert wait_committed(device, "system.system.SystemName", name[:20]) == name[:20]
+    assert wait_uci_committed(device, "system.system.SystemName", name[:20]) == name[:20]
     assert not device.exists("/tmp/pwned")

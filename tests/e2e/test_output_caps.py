@@ -5,19 +5,18 @@ about seventy clients), byte counters of 11 and 20 digits against the
 cap (a 63-character pass-phrase copied to the 5 GHz guest network when band
 steering is switched on), and event and system-log lines of 1023 bytes and
 longer against the 1024-byte line buffer."""
-import json
-import re
 import time
 
 import pytest
 
-from conftest import MAC, request_text, settings, wait_for
+from conftest import CET, MAC, request_text, settings, wait_for, wait_radios_known
 
 # Updates and streamed results may be more than 40 s apart on a loaded
 # machine.
 SERVER_PING_INTERVAL = 15
+# The agent's local time is CET (connected).
+AGENT_ENV = CET
 
-CET = {"TZ": "CET-1"}
 REFUSED = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
            '"message":"Invalid method parameter","data":""}}')
 SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
@@ -25,16 +24,16 @@ APPLY = "kapri_util.lua cloud_action_apply"
 ALL_CLIENTS = "00:00:00:00:00:00"
 
 
-def radios_known(agent):
-    agent.out.wait_for(re.compile(r"=== support2G=1, support5G=1$"), timeout=15)
+def wait_both_radios_known(agent):
+    """wait_radios_known, and the device has both radios."""
+    line = wait_radios_known(agent)
+    assert line.endswith("=== support2G=1, support5G=1"), line
 
 
 @pytest.fixture
-def ready(device, server, start_agent):
-    agent = start_agent(server.url, env=CET)
-    server.wait_for_connection(15)
-    radios_known(agent)
-    return agent, server
+def connected_with_both_radios(connected):
+    wait_both_radios_known(connected[0])
+    return connected
 
 
 # ---- utility-script answers at the 16 KiB cap ------------------------------------------
@@ -109,8 +108,10 @@ def clients_answering_with(device, argv, size):
 
 
 @pytest.mark.parametrize("method", sorted(QUERIES))
-def test_an_answer_of_16384_bytes_comes_whole_and_one_byte_more_is_cut(device, ready, method):
-    agent, server = ready
+def test_an_answer_of_16384_bytes_comes_whole_and_one_byte_more_is_cut(device,
+                                                                       connected_with_both_radios,
+                                                                       method):
+    agent, server = connected_with_both_radios
     params, argv = QUERIES[method]
     all_networks_on(device)
     listed = clients_answering_with(device, argv, 16384)
@@ -136,7 +137,7 @@ def test_counters_of_11_and_20_digits_reach_the_server(device, server, start_age
     device.set_traffic(lan=(ELEVEN, TWENTY), networks={"w0_index0": (TWENTY, ELEVEN)})
     agent = start_agent(server.url, env=CET)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_both_radios_known(agent)
     status = server.request("vekGetStatus", {"deviceId": MAC}, id="s", timeout=30)
     assert status.data["result"]["lan"] == {"rx": ELEVEN, "tx": float(TWENTY)}
     # the 11 digits as they are, the 20 as the nearest double
@@ -150,8 +151,8 @@ def test_counters_of_11_and_20_digits_reach_the_server(device, server, start_age
     assert update.data["params"]["updates"][0]["lan"] == {"rx": ELEVEN, "tx": float(TWENTY)}
 
 
-def test_a_counter_of_21_digits_is_cut_to_its_first_20(device, ready):
-    agent, server = ready
+def test_a_counter_of_21_digits_is_cut_to_its_first_20(device, connected_with_both_radios):
+    agent, server = connected_with_both_radios
     device.set_traffic(lan=(TWENTY, TWENTY_ONE))
     lan = server.request("vekGetLanStatus", {"deviceId": MAC}, id="l", timeout=30)
     assert lan.data["result"]["rx"] == float(TWENTY)
@@ -164,8 +165,9 @@ def test_a_counter_of_21_digits_is_cut_to_its_first_20(device, ready):
 PASS_PHRASE = "Correct-Horse-Battery-Staple-2026/visitors+lobby@korvat.example!"[:63]
 
 
-def test_a_63_character_pass_phrase_is_copied_whole_when_steering_goes_on(device, ready):
-    agent, server = ready
+def test_a_63_character_pass_phrase_is_copied_whole_when_steering_goes_on(
+        device, connected_with_both_radios):
+    agent, server = connected_with_both_radios
     assert len(PASS_PHRASE) == 63
     device.uci_ok("set", "wireless.w0_index25.ssid=Korvat Visitors 2.4/5 GHz lobby")
     device.uci_ok("set", "wireless.w0_index25.encryption=psk2 aes")
@@ -183,8 +185,9 @@ def test_a_63_character_pass_phrase_is_copied_whole_when_steering_goes_on(device
     assert device.uci_committed("wireless.w1_index25.ssid") == "Korvat Visitors 2.4/5 GHz lobby"
 
 
-def test_a_value_of_256_bytes_is_read_whole_and_a_longer_one_cut(device, ready):
-    agent, server = ready
+def test_a_value_of_256_bytes_is_read_whole_and_a_longer_one_cut(device,
+                                                                 connected_with_both_radios):
+    agent, server = connected_with_both_radios
     name = "".join("%s-%d " % (w, i) for i, w in enumerate(
         "Korvat access point third floor east wing meeting rooms".split() * 8))
     for length in (256, 257, 300):
@@ -211,8 +214,9 @@ def event_line(number, length):
     return head + text_of(length - len(head))
 
 
-def test_event_lines_of_1023_characters_and_more_are_cut_to_the_line_buffer(device, ready):
-    agent, server = ready
+def test_event_lines_of_1023_characters_and_more_are_cut_to_the_line_buffer(
+        device, connected_with_both_radios):
+    agent, server = connected_with_both_radios
     lines = [event_line(1, 1022), event_line(2, 1023), event_line(3, 2000),
              "number:4 dateTime:2026-11-15T10:00:09+0100 type:INFO event:after"]
     device.write_file("/tmp/cEvtLog.new", "".join(line + "\n" for line in lines))
@@ -239,8 +243,9 @@ def log_line(length):
     return LOG_HEAD + text_of(length - len(LOG_HEAD))
 
 
-def test_log_lines_of_1023_characters_and_more_are_cut_to_the_line_buffer(device, ready):
-    agent, server = ready
+def test_log_lines_of_1023_characters_and_more_are_cut_to_the_line_buffer(
+        device, connected_with_both_radios):
+    agent, server = connected_with_both_radios
     year = time.strftime("%Y")
     server.send_text(request_text("dxStreamSystemLogs", {"deviceId": MAC, "enable": True},
                                   "abc"))

@@ -3,22 +3,13 @@ that wait for the server to come back."""
 import json
 import re
 
-from conftest import MAC, Deadline, request_barrier, wait_for
+from conftest import MAC, Deadline, about, not_a_status_update, request_barrier, wait_for
 
 # sntool stalls while /tmp/slow exists (for two minutes at most), which keeps
 # the main thread inside one dxGetAbout until the test lets it go: no timing
 # assumption, however slow the machine or the emulated target.
 SLOW_WHILE = ('i=0; while [ -e /tmp/slow ] && [ $i -lt 600 ]; do sleep 0.2; i=$((i+1)); done\n'
               'echo TAG-1\n')
-
-
-def about(id_):
-    return json.dumps({"jsonrpc": "2.0", "id": id_, "method": "dxGetAbout",
-                       "params": {"deviceId": MAC}}, separators=(",", ":"))
-
-
-def not_a_status_update(message):
-    return message.method != "dsLogStatusUpdates"
 
 
 def collect(server, count, timeout=30):

@@ -3,14 +3,13 @@ stand-in gateway of device/simgateway.py answers SSDP and the port-mapping
 actions in the run's gateway namespace): one that adds a mapping but never
 confirms it, one that reports no external address, one that is gone by the
 time access is closed; and an enable request without "deviceId"."""
-import re
 
 import pytest
 
 import simnet
 from simgateway import IgdStandIn
 
-from conftest import MAC, wait_for
+from conftest import MAC, uci_write_lines, wait_for
 
 RECORD = "/tmp/luci-sessions/external/record_file"
 INVALID = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
@@ -39,10 +38,6 @@ def enable(server, id_, timeout=600, **params):
     return server.request("dxEnableRemoteWebUiAccess", params, id=id_, timeout=60)
 
 
-def writes(device):
-    return [line for line in device.journal() if line.startswith(("uci set", "uci commit"))]
-
-
 def test_enable_without_device_id_is_refused_and_changes_nothing(device, server, start_agent,
                                                                  gateway):
     gw = gateway()
@@ -64,7 +59,7 @@ def test_enable_without_device_id_is_refused_and_changes_nothing(device, server,
     assert device.wait_journal("session_timeout.lua 600", timeout=15)
     journal = device.journal()
     assert "session_timeout.lua 30" not in journal
-    assert writes(device) == []
+    assert uci_write_lines(device) == []
     assert "uci get httpd.httpd.port" not in journal
     assert gw.actions == [] and gw.searches == []
     assert device.uci_committed("korvatCloud.korvatCloud.remote_access_timeout") == "600"
@@ -90,7 +85,7 @@ def test_a_gateway_that_never_confirms_a_mapping_is_10101(device, connected, gat
     # access stays closed; the timeout asked for is kept
     assert device.uci_committed("upnpc.http.enable") == "0"
     assert not device.exists(RECORD)
-    assert [line for line in writes(device) if line.startswith("uci set upnpc")] == []
+    assert [line for line in uci_write_lines(device) if line.startswith("uci set upnpc")] == []
     assert device.uci_committed("korvatCloud.korvatCloud.remote_access_timeout") == "300"
 
 

@@ -5,9 +5,7 @@ import re
 import signal
 import time
 
-import pytest
-
-from conftest import MAC, request_barrier, scaled, wait_for
+from conftest import MAC, agent_sleeps, request_barrier, scaled, wait_for
 from simdevice import TARGET
 
 DEBUG_START = re.compile(
@@ -93,13 +91,6 @@ def test_state_file_reads_zero_while_the_first_connection_is_opened(peer, start_
     assert request.request_line == "GET / HTTP/1.1"
     # the opening handshake is not answered yet: the file already says "0"
     assert agent.state() == "0"
-
-
-def agent_sleeps(device):
-    """The seconds of every sleep() the agent asked for (the sleep shim's
-    record)."""
-    text = device.read_file("/tmp/fastsleep.log") or ""
-    return [int(line.split()[1]) for line in text.splitlines() if line.startswith("sleep ")]
 
 
 def test_state_file_reads_zero_while_the_server_is_away(device, server, start_agent):

@@ -5,7 +5,7 @@ import datetime
 import json
 import re
 
-from conftest import MAC, wait_for
+from conftest import MAC, settings, wait_for
 
 # Updates and events may be more than 40 s apart on a loaded machine.
 SERVER_PING_INTERVAL = 15
@@ -13,12 +13,6 @@ SERVER_PING_INTERVAL = 15
 FREE = ("              total        used        free      shared  buff/cache   available\n"
         "Mem:        %7d     %7d     %7d        1180       22600       61636\n"
         "Swap:             0           0           0\n")
-
-
-def settings(device, **options):
-    for key, value in options.items():
-        device.uci_ok("set", "korvatCloud.korvatCloud.%s=%s" % (key, value))
-    device.uci_ok("commit", "korvatCloud")
 
 
 def next_update(server, timeout=40):

@@ -10,26 +10,13 @@ from datetime import datetime
 
 import pytest
 
-from conftest import MAC, request_barrier, wait_for, wait_ticks
+from conftest import (MAC, request_barrier, uci_set_lines, uci_write_lines, wait_ticks,
+                      wait_uci_committed)
 
 INVALID = '{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,"message":"Invalid method parameter","data":""}}'
 SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
 APPLY = "kapri_util.lua cloud_action_apply"
 ISO_WITH_OFFSET = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d$")
-
-
-def uci_sets(device):
-    return [line for line in device.journal() if line.startswith("uci set ")]
-
-
-def writes(device):
-    return [line for line in device.journal()
-            if line.startswith("uci set") or line.startswith("uci commit")]
-
-
-def wait_committed(device, path, value, timeout=10):
-    wait_for(lambda: device.uci_committed(path) == value, timeout)
-    return device.uci_committed(path)
 
 
 def device_now(device):
@@ -113,14 +100,14 @@ def test_minus_five_hours_stores_utc5_never_est5(device, connected):
                             "currentTime": "2020-01-31T13:05:00+01:00"}, id="5")
     assert reply.raw == SUCCESS % ("5", MAC)
     assert device.wait_journal(APPLY)
-    assert uci_sets(device) == ["uci set system.system.timezone=UTC5"]
+    assert uci_set_lines(device) == ["uci set system.system.timezone=UTC5"]
     # the time sent along is not used: the clock is read (by the status
     # thread), never set
     journal = device.journal()
     dates = [line for line in journal if line.split(" ")[0] == "date"]
     assert all(line.startswith("date +") for line in dates), dates
     assert not any("2020" in line for line in journal), journal
-    assert wait_committed(device, "system.system.timezone", "UTC5") == "UTC5"
+    assert wait_uci_committed(device, "system.system.timezone", "UTC5") == "UTC5"
     after = server.request("dxGetTimeSettings", {"deviceId": MAC}, id="5b")
     assert after.data["result"]["timeZone"] == "-5:00"
 
@@ -142,7 +129,7 @@ def test_zone_and_switch_are_written_in_order_and_committed_by_the_apply_step(de
         "uci set ntpclient.daylightsaving.DayLightEnable=1",
         APPLY,
     ]
-    assert wait_committed(device, "ntpclient.daylightsaving.DayLightEnable", "1") == "1"
+    assert wait_uci_committed(device, "ntpclient.daylightsaving.DayLightEnable", "1") == "1"
     assert device.uci_committed("system.system.timezone") == "EST5"
     # switching it off again writes 0 and leaves the zone alone
     device.clear_journal()
@@ -150,8 +137,8 @@ def test_zone_and_switch_are_written_in_order_and_committed_by_the_apply_step(de
                            {"deviceId": MAC, "daylightSavings": "disabled"}, id="6b")
     assert reply.raw == SUCCESS % ("6b", MAC)
     assert device.wait_journal(APPLY)
-    assert uci_sets(device) == ["uci set ntpclient.daylightsaving.DayLightEnable=0"]
-    assert wait_committed(device, "ntpclient.daylightsaving.DayLightEnable", "0") == "0"
+    assert uci_set_lines(device) == ["uci set ntpclient.daylightsaving.DayLightEnable=0"]
+    assert wait_uci_committed(device, "ntpclient.daylightsaving.DayLightEnable", "0") == "0"
     assert device.uci_committed("system.system.timezone") == "EST5"
 
 
@@ -166,7 +153,7 @@ def test_nothing_to_change_still_replies_and_applies(device, connected, params):
     reply = server.request("dxSetTimeSettings", dict(params, deviceId=MAC), id="7")
     assert reply.raw == SUCCESS % ("7", MAC)
     assert device.wait_journal(APPLY)
-    assert uci_sets(device) == []
+    assert uci_set_lines(device) == []
     assert device.uci_committed("system.system.timezone") == "UTC0"
     assert device.uci_committed("ntpclient.daylightsaving.DayLightEnable") == "0"
 
@@ -187,10 +174,8 @@ def test_refusals_come_before_any_write(device, connected, name, params):
     reply = server.request("dxSetTimeSettings", params, id="r")
     assert reply.raw == INVALID % "r"
     request_barrier(server)
-    journal = device.journal()
-    assert not any(line.startswith("uci set") or line.startswith("uci commit")
-                   for line in journal), journal
-    assert APPLY not in journal
+    assert uci_write_lines(device) == []
+    assert APPLY not in device.journal()
     assert device.uci_get("system.system.timezone") == "UTC0"
     assert device.uci_get("ntpclient.daylightsaving.DayLightEnable") == "0"
 
@@ -213,7 +198,7 @@ def test_the_reply_is_queued_before_the_apply_step(device, connected):
     assert device.uci_committed("system.system.timezone") == "UTC0"
     assert device.uci_get("system.system.timezone") == "UTC-8"
     device.write_file("/tmp/apply_release", "")
-    assert wait_committed(device, "system.system.timezone", "UTC-8") == "UTC-8"
+    assert wait_uci_committed(device, "system.system.timezone", "UTC-8") == "UTC-8"
 
 
 def test_the_apply_step_does_not_wait_for_the_reply_to_leave(device, server, start_agent):
@@ -239,7 +224,7 @@ def test_the_apply_step_does_not_wait_for_the_reply_to_leave(device, server, sta
     device.remove_file("/tmp/luci_reload_cmd")
     # the change is applied all the same
     assert device.wait_journal(APPLY, timeout=15)
-    assert wait_committed(device, "system.system.timezone", "UTC-9") == "UTC-9"
+    assert wait_uci_committed(device, "system.system.timezone", "UTC-9") == "UTC-9"
     assert server.connection_count == 1
     # the reply, queued before, leaves on the next connection
     server.resume()
@@ -257,8 +242,8 @@ def test_request_text_never_reaches_uci_as_is(device, connected):
                            id="q1")
     assert reply.raw == SUCCESS % ("q1", MAC)
     assert device.wait_journal(APPLY)
-    assert uci_sets(device) == ["uci set system.system.timezone=UTC-5:30"]
-    assert wait_committed(device, "system.system.timezone", "UTC-5:30") == "UTC-5:30"
+    assert uci_set_lines(device) == ["uci set system.system.timezone=UTC-5:30"]
+    assert wait_uci_committed(device, "system.system.timezone", "UTC-5:30") == "UTC-5:30"
     # text that is in no row, whatever it holds, is refused and runs nothing
     for text in ['Eastern Time"; touch /tmp/pwned; "', "$(touch /tmp/pwned)", "`touch /tmp/pwned`",
                  "UTC-5:00' 'x"]:
@@ -266,5 +251,5 @@ def test_request_text_never_reaches_uci_as_is(device, connected):
         reply = server.request("dxSetTimeSettings", {"deviceId": MAC, "timeZone": text}, id="q2")
         assert reply.raw == INVALID % "q2"
         request_barrier(server)
-        assert writes(device) == []
+        assert uci_write_lines(device) == []
     assert not device.exists("/tmp/pwned")

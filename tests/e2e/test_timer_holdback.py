@@ -3,9 +3,8 @@ the timer after a given tick, so a test knows exactly which ticks ran their
 checks): no event notification while the web configuration reloads
 ("/tmp/luci_reload_cmd") or while an apply step runs, and streamed system
 logs only every fifth tick."""
-import re
 
-from conftest import MAC, request_text, wait_for
+from conftest import MAC, put_event_file, request_text, wait_for
 from timershim import Ticks, start_shimmed  # noqa: F401  (fixture)
 
 EVENT = "number:7 dateTime:2026-11-15T10:00:00+0100 type:INFO event:Reboot\n"
@@ -14,13 +13,6 @@ EVENT_JSON = {"number": 7, "dateTime": "2026-11-15T10:00:00+01:00", "type": "INF
 # the apply step waits for /tmp/apply_go, then commits as the device does
 HELD_APPLY = ("while [ ! -e /tmp/apply_go ]; do sleep 0.05; done\n"
               "uci commit\n")
-
-
-def put_event_file(device, text):
-    """Replaces /tmp/cEvtLog at once, so the agent never reads half of it."""
-    device.write_file("/tmp/cEvtLog.new", text)
-    r = device.sh("mv /tmp/cEvtLog.new /tmp/cEvtLog")
-    assert r.returncode == 0, r.stderr
 
 
 def events_sent(server):

@@ -3,53 +3,17 @@ and "vekDeleteNetwork" against the simulated device, with the exact reply
 bytes, the uci calls in their order, the changes staged in the wireless
 package until the apply step commits them, every refusal answered before
 any write, and the reply out before the apply step runs."""
-import json
 import re
 
-import pytest
-
-from conftest import MAC, not_a_status_update, unsolicited, wait_for
+from conftest import (MAC, assert_staged_until_applied, hold_apply_step, invalid_parameter_reply,
+                      not_a_status_update, pair_network_one, release_apply_step, request_barrier,
+                      script_call_lines, uci_set_lines, unsolicited, wait_radios_known, without)
 
 SUCCESS = '{"jsonrpc":"2.0","id":"%s","result":{"deviceId":"%s"}}'
-REFUSED = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
-           '"message":"Invalid method parameter","data":%s}}')
 NON_AP = "This method is not supported in Non-AP operation mode."
 # A handler that writes many options runs many device tools one after the
 # other: give its reply time on a busy machine.
 LONG = 60
-
-# The apply step waits for /tmp/apply_go (at most 20 s), then commits as the
-# device's own script does, then leaves /tmp/apply_done.
-HELD_APPLY = ("i=0\n"
-              "while [ ! -e /tmp/apply_go ] && [ $i -lt 400 ]; do sleep 0.05; i=$((i+1)); done\n"
-              "uci commit\n"
-              ": > /tmp/apply_done\n")
-
-
-def refused(id, data=""):
-    return REFUSED % (id, json.dumps(data))
-
-
-def radios_known(agent):
-    """Wait until the timer has read the radios of the device (requests on
-    radio 1 depend on them)."""
-    agent.timer_tid()
-    line = agent.out.wait_for(re.compile(r"=== support2G=\d, support5G=\d"), timeout=15)
-    return agent.out.lines[line]
-
-
-@pytest.fixture
-def ready(connected):
-    agent, server = connected
-    radios_known(agent)
-    return agent, server
-
-
-def barrier(server):
-    """A request whose reply comes once every earlier one has been handled
-    completely (the agent handles requests one at a time)."""
-    reply = server.request("dxGetAbout", {"deviceId": MAC}, id="barrier", timeout=LONG)
-    assert reply.data["result"]["deviceId"] == MAC
 
 
 def refuse_all(server, device, method, rows):
@@ -60,47 +24,16 @@ def refuse_all(server, device, method, rows):
     for n, (params, data) in enumerate(rows):
         id = "r%d" % n
         reply = server.request(method, params, id=id, timeout=LONG)
-        if reply.raw != refused(id, data):
+        if reply.raw != invalid_parameter_reply(id, data):
             wrong.append((params, data, reply.raw))
     assert not wrong, "\n".join("%r: wanted %r, got %s" % w for w in wrong)
-    barrier(server)
+    request_barrier(server, LONG)
     journal = device.journal()
     assert not [line for line in journal if line.startswith("uci set ")], journal
     assert "kapri_util.lua cloud_action_apply" not in journal
     assert "kapri_util.lua setVlan" not in journal
     assert not [line for line in journal if line.startswith("kapri_util.lua rm_wifi_config")]
     assert not unsolicited(server), server.messages
-
-
-def uci_sets(device):
-    return [line for line in device.journal() if line.startswith("uci set ")]
-
-
-def script_calls(device, sub):
-    return [line for line in device.journal() if line.startswith("kapri_util.lua " + sub)]
-
-
-def wait_file(device, path, timeout=20):
-    return wait_for(lambda: device.exists(path), timeout)
-
-
-def hold_apply(device):
-    device.set_script("kapri_util.lua", HELD_APPLY, "cloud_action_apply")
-
-
-def release_apply(device):
-    assert device.wait_journal("kapri_util.lua cloud_action_apply"), "the apply step never ran"
-    assert not device.exists("/tmp/apply_done")
-    device.write_file("/tmp/apply_go", "")
-    assert wait_file(device, "/tmp/apply_done"), "the apply step did not finish"
-
-
-def pair_one(device):
-    """Network 1 paired on both radios: w0_index1:w1_index1."""
-    device.uci_ok("set", "wireless.wifi0.network_profile=w0_index0:w1_index0,w0_index1:w1_index1")
-    device.uci_ok("set", "wireless.wifi1.wlanlist=0,1")
-    device.uci_ok("set", "wireless.wifi1.enlist=1,0")
-    device.uci_ok("commit", "wireless")
 
 
 # ---- vekAddNetwork ------------------------------------------------------------------------
@@ -113,10 +46,10 @@ def test_add_both_takes_the_free_slots_of_each_radio(device, server, start_agent
     device.uci_ok("set", "wireless.wifi0.network_profile=w0_index0:w1_index0,w0_index1,"
                          "w0_index2,w0_index4,w1_index1,w1_index3")
     device.uci_ok("commit", "wireless")
-    hold_apply(device)
+    hold_apply_step(device)
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     device.clear_journal()
     params = {"deviceId": MAC, "interface": "BOTH", "ssid": "Both-Bands",
               "security": "WPA2-PSK", "password": "bothbands1", "broadcastEnabled": True}
@@ -127,7 +60,7 @@ def test_add_both_takes_the_free_slots_of_each_radio(device, server, start_agent
     assert not device.exists("/tmp/apply_done")
     agent.out.wait_for(re.compile(r"\[FUNC nimb_client\.cpp::vekAddNetworkHandler\]\[LINE \d+\]: "
                                   r"available_pf2 = 3, available_pf5 = 2, pf_is_enough\[1\]$"))
-    assert uci_sets(device) == [
+    assert uci_set_lines(device) == [
         "uci set wireless.wifi0.wlanlist=0,1,2,4,3",
         "uci set wireless.wifi0.enlist=1,1,0,0,1",
         "uci set wireless.wifi1.wlanlist=0,1,3,2",
@@ -148,7 +81,7 @@ def test_add_both_takes_the_free_slots_of_each_radio(device, server, start_agent
         "uci set wireless.w1_index2.key=bothbands1",
     ]
     # no VLAN work on add
-    assert not script_calls(device, "setVlan")
+    assert not script_call_lines(device, "setVlan")
     expected = {
         "wireless.wifi0.wlanlist": ("0,1,2,4", "0,1,2,4,3"),
         "wireless.wifi1.wlanlist": ("0,1,3", "0,1,3,2"),
@@ -163,24 +96,18 @@ def test_add_both_takes_the_free_slots_of_each_radio(device, server, start_agent
         "wireless.w0_index3.WLANEnable": ("0", "1"),
         "wireless.w1_index2.WLANEnable": ("0", "1"),
     }
-    # staged, not yet committed
-    for path, (before, after) in expected.items():
-        assert device.uci_get(path) == after, path
-        assert device.uci_committed(path) == before, path
-    release_apply(device)
-    for path, (before, after) in expected.items():
-        assert device.uci_committed(path) == after, path
+    assert_staged_until_applied(device, expected)
     assert device.uci_committed("wireless.wifi0.network_profile").endswith(",w0_index3:w1_index2")
 
 
-def test_add_on_one_radio(ready, device):
-    agent, server = ready
+def test_add_on_one_radio(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     params = {"deviceId": MAC, "interface": "5GHz", "ssid": "Five", "security": "OPEN"}
     reply = server.request("vekAddNetwork", params, id="add5", timeout=LONG)
     assert reply.raw == SUCCESS % ("add5", MAC)
     assert device.wait_journal("kapri_util.lua cloud_action_apply")
-    assert uci_sets(device) == [
+    assert uci_set_lines(device) == [
         "uci set wireless.wifi1.wlanlist=0,1",
         "uci set wireless.wifi1.enlist=1,1",
         "uci set wireless.wifi0.network_profile=w0_index0:w1_index0,w0_index1,w1_index1",
@@ -190,20 +117,20 @@ def test_add_on_one_radio(ready, device):
         "uci set wireless.w1_index1.isolate=0",
         "uci set wireless.w1_index1.encryption=none",
     ]
-    barrier(server)
+    request_barrier(server, LONG)
     assert device.uci_committed("wireless.w1_index1.ssid") == "Five"
     assert device.uci_committed("wireless.wifi1.wlanlist") == "0,1"
 
 
-def test_add_with_radius_writes_server_port_and_secret(ready, device):
-    agent, server = ready
+def test_add_with_radius_writes_server_port_and_secret(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     params = {"deviceId": MAC, "interface": "2.4GHz", "ssid": "Radius", "security": "WPA MIXED",
               "radiusServer": "10.0.0.5", "radiusPort": 1812, "radiusSecret": "s3cret"}
     reply = server.request("vekAddNetwork", params, id="addr", timeout=LONG)
     assert reply.raw == SUCCESS % ("addr", MAC)
-    barrier(server)
-    sets = uci_sets(device)
+    request_barrier(server, LONG)
+    sets = uci_set_lines(device)
     assert sets[-4:] == [
         "uci set wireless.w0_index2.encryption=wpa-mixed tkip+aes",
         "uci set wireless.w0_index2.server=10.0.0.5",
@@ -212,33 +139,31 @@ def test_add_with_radius_writes_server_port_and_secret(ready, device):
     ]
 
 
-def test_add_lacking_interface_and_ssid_gives_two_errors_in_order(ready, device):
-    agent, server = ready
+def test_add_lacking_interface_and_ssid_gives_two_errors_in_order(connected_with_radios_known,
+                                                                  device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     reply = server.request("vekAddNetwork", {"deviceId": MAC, "security": "OPEN"}, id="two", timeout=LONG)
-    assert reply.raw == refused("two", "Invalid interface.")
+    assert reply.raw == invalid_parameter_reply("two", "Invalid interface.")
     second = server.next_message(10, predicate=not_a_status_update)
-    assert second.raw == refused("two", "Invalid ssid.")
-    barrier(server)
+    assert second.raw == invalid_parameter_reply("two", "Invalid ssid.")
+    request_barrier(server, LONG)
     assert not unsolicited(server)
-    assert not uci_sets(device)
+    assert not uci_set_lines(device)
 
 
-def test_add_lacking_everything_gives_four_errors(ready, device):
-    agent, server = ready
+def test_add_lacking_everything_gives_four_errors(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     reply = server.request("vekAddNetwork", {}, id="four", timeout=LONG)
-    assert reply.raw == refused("four", "Invalid device id.")
+    assert reply.raw == invalid_parameter_reply("four", "Invalid device id.")
     assert [server.next_message(10, predicate=not_a_status_update).raw for _ in range(3)] == [
-        refused("four", "Invalid interface."), refused("four", "Invalid ssid."),
-        refused("four", "Invalid security.")]
+        invalid_parameter_reply("four", "Invalid interface."),
+        invalid_parameter_reply("four", "Invalid ssid."),
+        invalid_parameter_reply("four", "Invalid security.")]
 
 
 ADD = {"deviceId": MAC, "interface": "2.4GHz", "ssid": "New", "security": "WPA2-PSK",
        "password": "newpass12"}
-
-
-def without(params, *names):
-    return {k: v for k, v in params.items() if k not in names}
 
 
 ADD_REFUSALS = [
@@ -268,8 +193,8 @@ ADD_REFUSALS = [
 ]
 
 
-def test_add_refusals_come_before_any_write(ready, device):
-    agent, server = ready
+def test_add_refusals_come_before_any_write(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     refuse_all(server, device, "vekAddNetwork", ADD_REFUSALS)
 
 
@@ -279,15 +204,15 @@ def test_add_when_radio_zero_is_full_is_insufficient(device, server, start_agent
     device.uci_ok("commit", "wireless")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     device.clear_journal()
     reply = server.request("vekAddNetwork", ADD, id="full", timeout=LONG)
-    assert reply.raw == refused("full", "Insufficient interface.")
+    assert reply.raw == invalid_parameter_reply("full", "Insufficient interface.")
     # a pair needs both radios: radio 0 is still full
     reply = server.request("vekAddNetwork", dict(ADD, interface="BOTH"), id="full2", timeout=LONG)
-    assert reply.raw == refused("full2", "Insufficient interface.")
-    barrier(server)
-    assert not uci_sets(device)
+    assert reply.raw == invalid_parameter_reply("full2", "Insufficient interface.")
+    request_barrier(server, LONG)
+    assert not uci_set_lines(device)
     # radio 1 alone still has room
     reply = server.request("vekAddNetwork", dict(ADD, interface="5GHz"), id="five", timeout=LONG)
     assert reply.raw == SUCCESS % ("five", MAC)
@@ -296,11 +221,11 @@ def test_add_when_radio_zero_is_full_is_insufficient(device, server, start_agent
 # ---- vekSetNetworkConfig ------------------------------------------------------------------
 
 def test_change_of_a_paired_network_changes_both_halves(device, server, start_agent):
-    pair_one(device)
-    hold_apply(device)
+    pair_network_one(device)
+    hold_apply_step(device)
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     device.clear_journal()
     params = {"deviceId": "someone-else", "networkIndex": 1, "ssid": "Office-2",
               "enabled": True, "security": "WPA2-PSK", "password": "officepass",
@@ -310,7 +235,7 @@ def test_change_of_a_paired_network_changes_both_halves(device, server, start_ag
     assert reply.raw == SUCCESS % ("set1", MAC)
     assert device.wait_journal("kapri_util.lua cloud_action_apply")
     assert not device.exists("/tmp/apply_done")
-    assert uci_sets(device) == [
+    assert uci_set_lines(device) == [
         "uci set wireless.w0_index1.ssid=Office-2",
         "uci set wireless.w0_index1.WLANVLANID=20",
         "uci set wireless.w0_index1.WLANVLANEnable=1",
@@ -344,28 +269,23 @@ def test_change_of_a_paired_network_changes_both_halves(device, server, start_ag
         "wireless.w0_index1.WLANVLANEnable": ("0", "1"),
         "wireless.wifi1.enlist": ("1,0", "1,1"),
     }
-    for path, (before, after) in expected.items():
-        assert device.uci_get(path) == after, path
-        assert device.uci_committed(path) == before, path
     # the VLAN is never written on the brother
     assert device.uci_get("wireless.w1_index1.WLANVLANID") is None
     assert device.uci_get("wireless.w1_index1.WLANVLANEnable") == "0"
-    release_apply(device)
-    for path, (before, after) in expected.items():
-        assert device.uci_committed(path) == after, path
+    assert_staged_until_applied(device, expected)
 
 
 def test_switching_a_paired_network_off(device, server, start_agent):
-    pair_one(device)
+    pair_network_one(device)
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     device.clear_journal()
     params = {"deviceId": MAC, "networkIndex": 51, "ssid": "Off", "security": "OPEN"}
     reply = server.request("vekSetNetworkConfig", params, id="off", timeout=LONG)
     assert reply.raw == SUCCESS % ("off", MAC)
-    barrier(server)
-    sets = uci_sets(device)
+    request_barrier(server, LONG)
+    sets = uci_set_lines(device)
     # addressed through radio 1: its VLAN goes off, the flags of both go to 0
     assert sets[:6] == [
         "uci set wireless.w1_index1.ssid=Off",
@@ -378,11 +298,11 @@ def test_switching_a_paired_network_off(device, server, start_agent):
     assert "uci set wireless.w0_index1.WLANEnable=0" in sets
     assert device.uci_committed("wireless.w0_index1.WLANEnable") == "0"
     assert device.uci_committed("wireless.w0_index1.ssid") == "Off"
-    assert script_calls(device, "setVlan") == ["kapri_util.lua setVlan"]
+    assert script_call_lines(device, "setVlan") == ["kapri_util.lua setVlan"]
 
 
-def test_vlan_with_the_network_disabled_is_switched_off(ready, device):
-    agent, server = ready
+def test_vlan_with_the_network_disabled_is_switched_off(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.uci_ok("set", "wireless.w0_index1.WLANVLANEnable=1")
     device.uci_ok("set", "wireless.w0_index1.WLANVLANID=30")
     device.uci_ok("commit", "wireless")
@@ -391,17 +311,17 @@ def test_vlan_with_the_network_disabled_is_switched_off(ready, device):
               "enabled": False, "vlanId": 30}
     reply = server.request("vekSetNetworkConfig", params, id="v0", timeout=LONG)
     assert reply.raw == SUCCESS % ("v0", MAC)
-    barrier(server)
-    assert "uci set wireless.w0_index1.WLANVLANID=" in uci_sets(device)
-    assert "uci set wireless.w0_index1.WLANVLANEnable=0" in uci_sets(device)
-    assert script_calls(device, "setVlan") == ["kapri_util.lua setVlan"]
+    request_barrier(server, LONG)
+    assert "uci set wireless.w0_index1.WLANVLANID=" in uci_set_lines(device)
+    assert "uci set wireless.w0_index1.WLANVLANEnable=0" in uci_set_lines(device)
+    assert script_call_lines(device, "setVlan") == ["kapri_util.lua setVlan"]
     assert device.uci_committed("wireless.w0_index1.WLANVLANEnable") == "0"
     # uci drops an option set to the empty text
     assert device.uci_committed("wireless.w0_index1.WLANVLANID") is None
 
 
-def test_the_same_vlan_again_does_not_run_set_vlan(ready, device):
-    agent, server = ready
+def test_the_same_vlan_again_does_not_run_set_vlan(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.uci_ok("set", "wireless.w0_index1.WLANVLANEnable=1")
     device.uci_ok("set", "wireless.w0_index1.WLANVLANID=4094")
     device.uci_ok("commit", "wireless")
@@ -410,22 +330,22 @@ def test_the_same_vlan_again_does_not_run_set_vlan(ready, device):
               "enabled": True, "vlanId": 4094}
     reply = server.request("vekSetNetworkConfig", params, id="same", timeout=LONG)
     assert reply.raw == SUCCESS % ("same", MAC)
-    barrier(server)
-    assert not any("VLAN" in line for line in uci_sets(device))
+    request_barrier(server, LONG)
+    assert not any("VLAN" in line for line in uci_set_lines(device))
     assert "uci get wireless.w0_index1.WLANVLANEnable" in device.journal()
-    assert not script_calls(device, "setVlan")
-    assert script_calls(device, "cloud_action_apply")
+    assert not script_call_lines(device, "setVlan")
+    assert script_call_lines(device, "cloud_action_apply")
 
 
-def test_networkindex_missing_means_the_primary_network(ready, device):
-    agent, server = ready
+def test_networkindex_missing_means_the_primary_network(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     params = {"deviceId": MAC, "ssid": "Primary", "security": "psk2 aes",
               "password": "primary12", "enabled": True}
     reply = server.request("vekSetNetworkConfig", params, id="p", timeout=LONG)
     assert reply.raw == SUCCESS % ("p", MAC)
-    barrier(server)
-    sets = uci_sets(device)
+    request_barrier(server, LONG)
+    sets = uci_set_lines(device)
     assert sets[0] == "uci set wireless.w0_index0.ssid=Primary"
     # a UCI value is taken as it stands; the primary network's brother follows
     assert "uci set wireless.w0_index0.encryption=psk2 aes" in sets
@@ -433,15 +353,15 @@ def test_networkindex_missing_means_the_primary_network(ready, device):
     assert device.uci_committed("wireless.w1_index0.key") == "primary12"
 
 
-def test_accepted_pass_phrases(ready, device):
-    agent, server = ready
+def test_accepted_pass_phrases(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     for password in ("0123456789abcdefABCDEF0123456789abcdefABCDEF0123456789abcdef0123",
                      "g" * 63, "12345678"):
         params = {"deviceId": MAC, "networkIndex": 1, "ssid": "Office",
                   "security": "WPA2-PSK", "password": password}
         reply = server.request("vekSetNetworkConfig", params, id="pw", timeout=LONG)
         assert reply.raw == SUCCESS % ("pw", MAC), password
-        barrier(server)
+        request_barrier(server, LONG)
         assert device.uci_committed("wireless.w0_index1.key") == password
 
 
@@ -480,18 +400,18 @@ SET_REFUSALS = [
 ]
 
 
-def test_set_refusals_come_before_any_write(ready, device):
-    agent, server = ready
+def test_set_refusals_come_before_any_write(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     refuse_all(server, device, "vekSetNetworkConfig", SET_REFUSALS)
 
 
-def test_vlan_limits(ready, device):
-    agent, server = ready
+def test_vlan_limits(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     for vlan, raw in ((4094, SUCCESS % ("v", MAC)), (1, SUCCESS % ("v", MAC)),
-                      (4095, refused("v")), (0, refused("v"))):
+                      (4095, invalid_parameter_reply("v")), (0, invalid_parameter_reply("v"))):
         reply = server.request("vekSetNetworkConfig", dict(SET, vlanId=vlan), id="v", timeout=LONG)
         assert reply.raw == raw, vlan
-    barrier(server)
+    request_barrier(server, LONG)
 
 
 def test_a_section_name_inside_the_guest_one_passes_the_profile_check(device, server,
@@ -502,10 +422,10 @@ def test_a_section_name_inside_the_guest_one_passes_the_profile_check(device, se
     device.uci_ok("commit", "wireless")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     reply = server.request("vekSetNetworkConfig", dict(SET, networkIndex=2), id="sub", timeout=LONG)
     assert reply.raw == SUCCESS % ("sub", MAC)
-    barrier(server)
+    request_barrier(server, LONG)
     assert device.uci_committed("wireless.w0_index2.ssid") == "Office"
 
 
@@ -514,19 +434,19 @@ def test_missing_enable_list_is_refused_after_the_first_writes(device, server, s
     device.uci_ok("commit", "wireless")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     device.clear_journal()
     reply = server.request("vekSetNetworkConfig", SET, id="nolist", timeout=LONG)
-    assert reply.raw == refused("nolist")
-    barrier(server)
-    assert uci_sets(device) == [
+    assert reply.raw == invalid_parameter_reply("nolist")
+    request_barrier(server, LONG)
+    assert uci_set_lines(device) == [
         "uci set wireless.w0_index1.ssid=Office",
         "uci set wireless.w0_index1.WLANVLANID=",
         "uci set wireless.w0_index1.WLANVLANEnable=0",
         "uci set wireless.w0_index1.WLANEnable=1",
     ]
     # staged, never applied
-    assert not script_calls(device, "cloud_action_apply")
+    assert not script_call_lines(device, "cloud_action_apply")
     assert device.uci_get("wireless.w0_index1.ssid") == "Office"
     assert device.uci_committed("wireless.w0_index1.ssid") == "Korvat-Office"
 
@@ -534,11 +454,11 @@ def test_missing_enable_list_is_refused_after_the_first_writes(device, server, s
 # ---- vekDeleteNetwork ---------------------------------------------------------------------
 
 def test_delete_of_a_paired_network_removes_both_halves(device, server, start_agent):
-    pair_one(device)
-    hold_apply(device)
+    pair_network_one(device)
+    hold_apply_step(device)
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     device.clear_journal()
     reply = server.request("vekDeleteNetwork", {"deviceId": MAC, "networkIndex": 51,
                                                 "ssid": "ignored"}, id="del", timeout=LONG)
@@ -563,7 +483,7 @@ def test_delete_of_a_paired_network_removes_both_halves(device, server, start_ag
     assert device.uci_get("wireless.w0_index1") is None
     assert device.uci_get("wireless.w1_index1") is None
     assert device.uci_committed("wireless.w0_index1") == "wifi-iface"
-    release_apply(device)
+    release_apply_step(device)
     assert device.uci_committed("wireless.wifi0.network_profile") == "w0_index0:w1_index0"
     assert device.uci_committed("wireless.wifi0.wlanlist") == "0"
     assert device.uci_committed("wireless.wifi1.wlanlist") == "0"
@@ -573,13 +493,13 @@ def test_delete_of_a_paired_network_removes_both_halves(device, server, start_ag
     assert device.uci_committed("wireless.w0_index0") == "wifi-iface"
 
 
-def test_delete_of_an_unpaired_network(ready, device):
-    agent, server = ready
+def test_delete_of_an_unpaired_network(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     device.clear_journal()
     reply = server.request("vekDeleteNetwork", {"deviceId": MAC, "networkIndex": 1}, id="d1", timeout=LONG)
     assert reply.raw == SUCCESS % ("d1", MAC)
-    barrier(server)
-    assert script_calls(device, "rm_wifi_config") == ["kapri_util.lua rm_wifi_config w0_index1"]
+    request_barrier(server, LONG)
+    assert script_call_lines(device, "rm_wifi_config") == ["kapri_util.lua rm_wifi_config w0_index1"]
     assert device.uci_committed("wireless.wifi0.network_profile") == "w0_index0:w1_index0"
     assert device.uci_committed("wireless.wifi0.wlanlist") == "0"
     assert device.uci_committed("wireless.w0_index1") is None
@@ -599,8 +519,8 @@ DELETE_REFUSALS = [
 ]
 
 
-def test_delete_refusals_come_before_any_write(ready, device):
-    agent, server = ready
+def test_delete_refusals_come_before_any_write(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     refuse_all(server, device, "vekDeleteNetwork", DELETE_REFUSALS)
 
 
@@ -610,13 +530,13 @@ SPECIAL_SSID = 'a"b $c `d` \\e'
 SPECIAL_KEY = 'k"e$y`x`\\z $(touch /tmp/pwned)'
 
 
-def test_ssid_and_pass_phrase_reach_uci_exactly(ready, device):
-    agent, server = ready
+def test_ssid_and_pass_phrase_reach_uci_exactly(connected_with_radios_known, device):
+    agent, server = connected_with_radios_known
     params = {"deviceId": MAC, "interface": "BOTH", "ssid": SPECIAL_SSID,
               "security": "WPA2-PSK", "password": SPECIAL_KEY}
     reply = server.request("vekAddNetwork", params, id="q1", timeout=LONG)
     assert reply.raw == SUCCESS % ("q1", MAC)
-    barrier(server)
+    request_barrier(server, LONG)
     for section in ("w0_index2", "w1_index1"):
         assert device.uci_get("wireless.%s.ssid" % section) == SPECIAL_SSID
         assert device.uci_get("wireless.%s.key" % section) == SPECIAL_KEY
@@ -625,7 +545,7 @@ def test_ssid_and_pass_phrase_reach_uci_exactly(ready, device):
               "security": "WPA-PSK MIXED", "password": SPECIAL_KEY[::-1], "enabled": True}
     reply = server.request("vekSetNetworkConfig", params, id="q2", timeout=LONG)
     assert reply.raw == SUCCESS % ("q2", MAC)
-    barrier(server)
+    request_barrier(server, LONG)
     assert device.uci_get("wireless.w0_index1.ssid") == SPECIAL_SSID[::-1]
     assert device.uci_get("wireless.w0_index1.key") == SPECIAL_KEY[::-1]
     assert not device.exists("/tmp/pwned")
@@ -637,17 +557,17 @@ def test_single_band_device(device, server, start_agent):
     device.set_output("kapri_util.lua", '{"wifi0":"2.4G"}\n', "get_support_radio")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    assert radios_known(agent).endswith("=== support2G=1, support5G=0")
+    assert wait_radios_known(agent).endswith("=== support2G=1, support5G=0")
     device.clear_journal()
     for interface in ("BOTH", "5GHz"):
         reply = server.request("vekAddNetwork", dict(ADD, interface=interface), id="sb", timeout=LONG)
-        assert reply.raw == refused("sb", "The interface is not supported.")
+        assert reply.raw == invalid_parameter_reply("sb", "The interface is not supported.")
     reply = server.request("vekSetNetworkConfig", dict(SET, networkIndex=50), id="sb50", timeout=LONG)
-    assert reply.raw == refused("sb50", "Invalid network index.")
+    assert reply.raw == invalid_parameter_reply("sb50", "Invalid network index.")
     reply = server.request("vekDeleteNetwork", {"deviceId": MAC, "networkIndex": 51}, id="sbd", timeout=LONG)
-    assert reply.raw == refused("sbd", "Invalid network index.")
-    barrier(server)
-    assert not uci_sets(device)
+    assert reply.raw == invalid_parameter_reply("sbd", "Invalid network index.")
+    request_barrier(server, LONG)
+    assert not uci_set_lines(device)
     # radio 0 works as before
     reply = server.request("vekAddNetwork", ADD, id="sb24", timeout=LONG)
     assert reply.raw == SUCCESS % ("sb24", MAC)
@@ -658,16 +578,16 @@ def test_a_station_mode_radio_refuses_every_change(device, server, start_agent):
     device.uci_ok("commit", "wireless")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     device.clear_journal()
     for method, params in (("vekSetNetworkConfig", SET), ("vekAddNetwork", ADD),
                            ("vekAddNetwork", dict(ADD, interface="5GHz")),
                            ("vekAddNetwork", dict(ADD, interface="BOTH")),
                            ("vekDeleteNetwork", {"deviceId": MAC, "networkIndex": 1})):
         reply = server.request(method, params, id="sta", timeout=LONG)
-        assert reply.raw == refused("sta", NON_AP), method
-    barrier(server)
-    assert not uci_sets(device)
+        assert reply.raw == invalid_parameter_reply("sta", NON_AP), method
+    request_barrier(server, LONG)
+    assert not uci_set_lines(device)
     assert "uci get wireless.wifi0.opmode" in device.journal()
 
 
@@ -676,14 +596,14 @@ def test_radio_one_in_station_mode_refuses_too(device, server, start_agent):
     device.uci_ok("commit", "wireless")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     device.clear_journal()
     reply = server.request("vekSetNetworkConfig", SET, id="sta1", timeout=LONG)
-    assert reply.raw == refused("sta1", NON_AP)
+    assert reply.raw == invalid_parameter_reply("sta1", NON_AP)
     reply = server.request("vekAddNetwork", ADD, id="sta2", timeout=LONG)
-    assert reply.raw == refused("sta2", NON_AP)
-    barrier(server)
-    assert not uci_sets(device)
+    assert reply.raw == invalid_parameter_reply("sta2", NON_AP)
+    request_barrier(server, LONG)
+    assert not uci_set_lines(device)
 
 
 def test_an_unset_operation_mode_counts_as_access_point(device, server, start_agent):
@@ -692,6 +612,6 @@ def test_an_unset_operation_mode_counts_as_access_point(device, server, start_ag
     device.uci_ok("commit", "wireless")
     agent = start_agent(server.url)
     server.wait_for_connection(15)
-    radios_known(agent)
+    wait_radios_known(agent)
     reply = server.request("vekSetNetworkConfig", SET, id="unset", timeout=LONG)
     assert reply.raw == SUCCESS % ("unset", MAC)

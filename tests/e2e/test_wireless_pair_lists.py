@@ -7,20 +7,12 @@ import re
 
 import pytest
 
-from conftest import MAC
+from conftest import MAC, pair_network_one
 
 REFUSED = ('{"jsonrpc":"2.0","id":"%s","error":{"code":-32602,'
            '"message":"Invalid method parameter","data":""}}')
 SET = {"deviceId": MAC, "ssid": "Office", "security": "WPA2-PSK", "password": "officepass",
        "enabled": True, "broadcastEnabled": True}
-
-
-def pair_one(device):
-    """Network 1 paired on both radios: w0_index1:w1_index1."""
-    device.uci_ok("set", "wireless.wifi0.network_profile=w0_index0:w1_index0,w0_index1:w1_index1")
-    device.uci_ok("set", "wireless.wifi1.wlanlist=0,1")
-    device.uci_ok("set", "wireless.wifi1.enlist=1,0")
-    device.uci_ok("commit", "wireless")
 
 
 @pytest.mark.parametrize("index, missing, own", [
@@ -30,7 +22,7 @@ def pair_one(device):
 ], ids=["radio1-enlist", "radio1-wlanlist", "radio0-enlist"])
 def test_a_paired_radio_without_its_lists_refuses_the_change(device, server, start_agent,
                                                              index, missing, own):
-    pair_one(device)
+    pair_network_one(device)
     device.uci_ok("delete", missing)
     device.uci_ok("commit", "wireless")
     agent = start_agent(server.url)

@@ -14,7 +14,7 @@ import time
 
 import pytest
 
-from conftest import AGENT, FAILURE_TAIL, FASTSLEEP, MAC, TIMEOUT_SCALE, Agent
+from conftest import AGENT, FASTSLEEP, MAC, TIMEOUT_SCALE, Agent, stop_agents
 
 SHIM = os.environ.get("KC_TIMERSHIM") or os.path.join(os.path.dirname(FASTSLEEP),
                                                       "timershim.so")
@@ -89,16 +89,4 @@ def start_shimmed(device, request):
         return agent
 
     yield start
-    call = getattr(request.node, "report_call", None)
-    failed = call is not None and call.failed
-    for n, agent in enumerate(started):
-        device.stop()
-        agent.out._thread.join(5)
-        agent.err._thread.join(5)
-        if failed:
-            for name, stream in (("output", agent.out), ("error output", agent.err)):
-                lines = stream.lines[-FAILURE_TAIL:]
-                print("---- agent %d: last %d lines of its %s ----" % (n + 1, len(lines), name))
-                print("\n".join(lines))
-        reports = agent.sanitizer_reports()
-        assert not reports, "sanitizer report from the agent:\n" + agent.err.text()
+    stop_agents(device, started, request)

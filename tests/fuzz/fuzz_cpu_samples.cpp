@@ -2,7 +2,7 @@
  * Fuzzes the CPU sampler: calculateCPUUsage reads the aggregate idle time
  * and the sum of the aggregate times of /proc/stat through two commands
  * and sets the CPU figure to the busy share since the previous sample.
- * No command runs: the shell backend answers them from the input.
+ * No command runs: a recorded shell answers them from the input.
  *
  * Input: a run of samples separated by NUL bytes, each the idle command's
  * output, a newline, and the total command's output (a sample without a
@@ -28,7 +28,7 @@
 #include <string>
 #include <vector>
 
-#include "util/shell.h"
+#include "recorded_shell.h"
 #include "util/facts.h"
 
 namespace {
@@ -38,34 +38,7 @@ const char kTotalCommand[] =
     "grep 'cpu ' /proc/stat | awk '{ttl=($2+$3+$4+$5+$6+$7+$8+$9+$10)} END {print ttl}'";
 
 std::string s_idle, s_total;
-std::vector<std::string> s_commands;
-
-FILE *sampleOpen(const char *cmd, const char *mode)
-{
-    if (strcmp(mode, "r") != 0)
-        abort();
-    s_commands.push_back(cmd);
-    const std::string &text = s_commands.size() % 2 == 1 ? s_idle : s_total;
-    FILE *stream = fmemopen(nullptr, text.size() + 1, "w+");
-    if (stream == nullptr)
-        abort();
-    if (fwrite(text.data(), 1, text.size(), stream) != text.size())
-        abort();
-    rewind(stream);
-    return stream;
-}
-
-int sampleClose(FILE *stream)
-{
-    return fclose(stream);
-}
-
-int refuseRun(const char *)
-{
-    abort(); // the sampler only reads
-}
-
-const ShellBackend kSamples = {sampleOpen, sampleClose, refuseRun};
+kctest::RecordedShell *s_shell = nullptr;
 
 /* "%lu" of a text: blanks, an optional sign, digits (saturating, a minus
  * negating modulo 2^64); 0 without digits. */
@@ -124,7 +97,13 @@ bool judged(const std::string &text)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    setShellBackend(&kSamples);
+    s_shell = new kctest::RecordedShell;
+    // the first command of each sample prints the idle time, the second the total
+    s_shell->answer = [](const std::string &, std::string *output) {
+        *output = s_shell->commands.size() % 2 == 1 ? s_idle : s_total;
+        return true;
+    };
+    s_shell->runsAllowed = false; // the sampler only reads
     return 0;
 }
 
@@ -151,10 +130,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         size_t newline = sample.find('\n');
         s_idle = sample.substr(0, newline);
         s_total = newline == std::string::npos ? "" : sample.substr(newline + 1);
-        s_commands.clear();
+        s_shell->clearRecord();
         calculateCPUUsage();
-        if (s_commands.size() != 2 || s_commands[0] != kIdleCommand ||
-            s_commands[1] != kTotalCommand)
+        if (s_shell->commands.size() != 2 || s_shell->commands[0] != kIdleCommand ||
+            s_shell->commands[1] != kTotalCommand)
             abort();
         if (!judged(s_idle) || !judged(s_total))
             return 0; // the state is no longer known

@@ -8,9 +8,9 @@
  * "1.2.3\n".  When the request parses it is dispatched, and every reply and
  * message the handler queued is taken and printed.
  *
- * No command ever runs: the shell backend is replaced (setShellBackend) by
- * one that records each command and answers it from memory, and system()
- * commands only return 0.  As a second guard PATH points to an empty
+ * No command ever runs: the shell backend is a recorded shell
+ * (recorded_shell.h) that records each command and answers it from
+ * memory, and system() commands only return 0.  As a second guard PATH points to an empty
  * directory.  A handler must send device commands through the shell
  * runner or run_system_command, never popen or system directly.
  *
@@ -80,9 +80,9 @@
 #include "client/handlers.h"
 #include "json/accessors.h"
 #include "linux/sem.h"
+#include "recorded_shell.h"
 #include "sdk/nimb_sdk.h"
 #include "upnp/upnp_helper.h"
-#include "util/shell.h"
 #include "util/radios.h"
 
 namespace {
@@ -100,55 +100,19 @@ const char kDeviceMac[] = "02:4b:43:46:55:5a";
 
 const char kDefaultOutput[] = "1.2.3\n";
 
-struct Ran {
-    std::string cmd;
-    std::string output; // what the command printed (run_shell_command only)
-    bool read;          // run_shell_command (true) or run_system_command
-};
-
 std::vector<std::string> s_outputs; // device texts of the current input
-std::vector<Ran> s_ran;             // commands run for the current input
-int s_opened = 0;
-int s_closed = 0;
 bool s_showCommands = false;
-std::mutex s_deviceLock; // handlers may run commands from several threads
+/* The commands of the current input, with what each printed; handlers may
+ * run commands from several threads (its mutex). */
+kctest::RecordedShell *s_shell = nullptr;
 
-FILE *cannedOpen(const char *cmd, const char *mode)
+/* The n-th command (reads and runs counted, from 0) reads text n. */
+bool cannedAnswer(const std::string &, std::string *output)
 {
-    std::lock_guard<std::mutex> hold(s_deviceLock);
-    if (cmd == nullptr || strcmp(mode, "r") != 0)
-        abort(); // the runner only ever reads
-    const std::string &text =
-        s_outputs.empty() ? std::string(kDefaultOutput) : s_outputs[s_ran.size() % s_outputs.size()];
-    s_ran.push_back({cmd, text, true});
-    FILE *stream = fmemopen(nullptr, text.size() + 1, "w+");
-    if (stream == nullptr)
-        abort();
-    if (fwrite(text.data(), 1, text.size(), stream) != text.size())
-        abort();
-    rewind(stream);
-    s_opened++;
-    return stream;
+    size_t n = s_shell->ran.size(); // this one is not in ran yet
+    *output = s_outputs.empty() ? std::string(kDefaultOutput) : s_outputs[n % s_outputs.size()];
+    return true;
 }
-
-int cannedClose(FILE *stream)
-{
-    std::lock_guard<std::mutex> hold(s_deviceLock);
-    s_closed++;
-    fclose(stream);
-    return 0;
-}
-
-int cannedRun(const char *cmd)
-{
-    std::lock_guard<std::mutex> hold(s_deviceLock);
-    if (cmd == nullptr)
-        abort();
-    s_ran.push_back({cmd, "", false});
-    return 0;
-}
-
-const ShellBackend kCannedDevice = {cannedOpen, cannedClose, cannedRun};
 
 /* ---- the UPnP gateway: nothing is sent ---- */
 
@@ -325,13 +289,7 @@ const char *passedOnQuery(const std::string &method)
  * it did not run. */
 bool queryOutput(const char *query, std::string *output)
 {
-    for (const Ran &ran : s_ran) {
-        if (ran.read && ran.cmd.find(query) != std::string::npos) {
-            *output = ran.output;
-            return true;
-        }
-    }
-    return false;
+    return s_shell->outputOf(query, output);
 }
 
 void checkError(const cJSON *error)
@@ -477,7 +435,8 @@ std::vector<std::string> addNetworkRefusals(const Expectation &want)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    setShellBackend(&kCannedDevice);
+    s_shell = new kctest::RecordedShell;
+    s_shell->answer = cannedAnswer;
     setUpnpGateway(&kStubGateway);
     g_deviceMac = kDeviceMac;
     s_showCommands = getenv("KC_FUZZ_SHOW_COMMANDS") != nullptr;
@@ -524,11 +483,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         expected = (int)refusals.size();
 
     {
-        std::lock_guard<std::mutex> hold(s_deviceLock);
+        std::lock_guard<std::mutex> hold(s_shell->mutex);
         s_outputs.clear();
-        s_ran.clear();
-        s_opened = 0;
-        s_closed = 0;
+        s_shell->clearRecord();
         if (end != nullptr) {
             const char *p = end + 1;
             const char *stop = bytes + size;
@@ -551,10 +508,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     std::lock_guard<std::mutex> hold(s_drainLock);
     drainQueues();
-    std::lock_guard<std::mutex> device(s_deviceLock);
+    std::lock_guard<std::mutex> device(s_shell->mutex);
     if (s_showCommands)
-        for (const Ran &ran : s_ran)
-            fprintf(stderr, "command: %s\n", ran.cmd.c_str());
+        for (const std::string &cmd : s_shell->commands)
+            fprintf(stderr, "command: %s\n", cmd.c_str());
     if ((int)s_replies.size() != expected)
         abort(); // every request that parses is answered exactly once
     for (size_t i = 0; i < s_replies.size(); i++) {
@@ -572,7 +529,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     s_replies.clear();
     cJSON_Delete(want.params);
-    if (s_opened != s_closed)
+    if (s_shell->opened != s_shell->closed)
         abort(); // a handler left a command's stream open
     return 0;
 }

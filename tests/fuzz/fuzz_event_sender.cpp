@@ -1,7 +1,7 @@
 /*
  * Fuzzes the event sender's reading loop (sendEventLogFrom, the body of
- * sendEventLog) over an event file of its own.  No command runs: the
- * shell backend records the file's emptying.
+ * sendEventLog) over an event file of its own.  No command runs: a
+ * recorded shell records the file's emptying.
  *
  * Input: the event file's bytes.
  *
@@ -28,12 +28,13 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_oracles.h"
 #include "sdk/sdk_private.h"
 #include "client/events.h"
 #include "client/handlers.h"
 #include "linux/sem.h"
+#include "recorded_shell.h"
 #include "sdk/nimb_sdk.h"
-#include "util/shell.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ const char kDeviceMac[] = "02:4b:43:46:55:5a";
 
 char s_dir[] = "/tmp/kc-fuzz-events-XXXXXX";
 std::string s_path;
-std::vector<std::string> s_commands;
+kctest::RecordedShell *s_shell = nullptr;
 
 void removeDir(void)
 {
@@ -49,63 +50,16 @@ void removeDir(void)
     rmdir(s_dir);
 }
 
-FILE *refuseOpen(const char *, const char *)
-{
-    abort(); // the sender reads no command output
-}
-
-int refuseClose(FILE *)
-{
-    abort();
-}
-
-int recordRun(const char *cmd)
-{
-    s_commands.push_back(cmd);
-    return 0;
-}
-
-const ShellBackend kDevice = {refuseOpen, refuseClose, recordRun};
-
-int filled(JsonQueue &queue)
-{
-    int value = 0;
-    sem_getvalue(&queue.filledSlots, &value);
-    return value;
-}
-
-/* The lines a 1,024-byte line reader takes from text. */
-std::vector<std::string> readerLines(const std::string &text)
-{
-    std::vector<std::string> lines;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t end = pos;
-        while (end < text.size() && end - pos < 1023) {
-            if (text[end++] == '\n')
-                break;
-        }
-        lines.push_back(text.substr(pos, end - pos));
-        pos = end;
-    }
-    return lines;
-}
-
-std::string printed(const cJSON *tree)
-{
-    char *text = cJSON_PrintUnformatted(tree);
-    if (text == nullptr)
-        abort();
-    std::string s = text;
-    cJSON_free(text);
-    return s;
-}
+using kcfuzz::filled;
+using kcfuzz::readerLines;
+using kcfuzz::printed;
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    setShellBackend(&kDevice);
+    s_shell = new kctest::RecordedShell;
+    s_shell->readsAllowed = false; // the sender reads no command output
     g_deviceMac = kDeviceMac;
     initNimbQueues();
     if (mkdtemp(s_dir) == nullptr)
@@ -143,7 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     bool any = cJSON_GetArraySize(events) > 0;
 
-    s_commands.clear();
+    s_shell->clearRecord();
     sendEventLogFrom(s_path.c_str());
 
     for (int q = 0; q < SEND_QUEUE_COUNT; q++) {
@@ -151,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             abort();
     }
     if (!any) {
-        if (filled(g_sendQueues[SEND_QUEUE_EVENT]) != 0 || !s_commands.empty())
+        if (filled(g_sendQueues[SEND_QUEUE_EVENT]) != 0 || !s_shell->commands.empty())
             abort();
         cJSON_Delete(want);
         return 0;
@@ -162,7 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     consumeObject(&g_sendQueues[SEND_QUEUE_EVENT], &tree);
     if (printed(tree) != printed(want))
         abort();
-    if (s_commands.size() != 1 || s_commands[0] != "echo \"\" > /tmp/cEvtLog")
+    if (s_shell->commands.size() != 1 || s_shell->commands[0] != "echo \"\" > /tmp/cEvtLog")
         abort();
     cJSON_Delete(tree);
     cJSON_Delete(want);

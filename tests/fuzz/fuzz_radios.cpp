@@ -1,7 +1,7 @@
 /*
  * Fuzzes the reading of the utility script's "get_support_radio" answer
  * (detect_support_radio), which tells at start which radios the device
- * has.  No command runs: the shell backend answers from the input.
+ * has.  No command runs: a recorded shell answers from the input.
  *
  * Input: byte 0 gives the flags before the call (bit 0: the 2.4 GHz radio
  * already known, bit 1: the 5 GHz one); the rest is what the script
@@ -27,39 +27,13 @@
 #include <string>
 #include <vector>
 
-#include "util/shell.h"
+#include "recorded_shell.h"
 #include "util/radios.h"
 
 namespace {
 
 std::string s_answer;
-std::vector<std::string> s_commands;
-
-FILE *answerOpen(const char *cmd, const char *mode)
-{
-    if (strcmp(mode, "r") != 0)
-        abort();
-    s_commands.push_back(cmd);
-    FILE *stream = fmemopen(nullptr, s_answer.size() + 1, "w+");
-    if (stream == nullptr)
-        abort();
-    if (fwrite(s_answer.data(), 1, s_answer.size(), stream) != s_answer.size())
-        abort();
-    rewind(stream);
-    return stream;
-}
-
-int answerClose(FILE *stream)
-{
-    return fclose(stream);
-}
-
-int refuseRun(const char *)
-{
-    abort(); // the detection only reads
-}
-
-const ShellBackend kAnswer = {answerOpen, answerClose, refuseRun};
+kctest::RecordedShell *s_shell = nullptr;
 
 /* The first member named name (case-insensitive) of a parsed object. */
 const cJSON *firstMember(const cJSON *object, const char *name)
@@ -77,7 +51,12 @@ const cJSON *firstMember(const cJSON *object, const char *name)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    setShellBackend(&kAnswer);
+    s_shell = new kctest::RecordedShell;
+    s_shell->answer = [](const std::string &, std::string *output) {
+        *output = s_answer;
+        return true;
+    };
+    s_shell->runsAllowed = false; // the detection only reads
     return 0;
 }
 
@@ -88,14 +67,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int before2G = data[0] & 1;
     int before5G = (data[0] >> 1) & 1;
     s_answer.assign(reinterpret_cast<const char *>(data) + 1, size - 1);
-    s_commands.clear();
+    s_shell->clearRecord();
     g_support2G = before2G;
     g_support5G = before5G;
 
     detect_support_radio();
 
-    if (s_commands.size() != 1 ||
-        s_commands[0] != "/usr/sbin/kapri_util.lua get_support_radio | tr -d '\n'")
+    if (s_shell->commands.size() != 1 ||
+        s_shell->commands[0] != "/usr/sbin/kapri_util.lua get_support_radio | tr -d '\n'")
         abort();
 
     // what the answer says; answers with a NUL byte or near the read's

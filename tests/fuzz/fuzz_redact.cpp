@@ -36,6 +36,7 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz_oracles.h"
 #include "util/redact.h"
 
 namespace {
@@ -292,15 +293,7 @@ void redactTree(cJSON *item)
     }
 }
 
-std::string printed(const cJSON *tree)
-{
-    char *text = cJSON_PrintUnformatted(tree);
-    if (text == nullptr)
-        abort();
-    std::string s = text;
-    cJSON_free(text);
-    return s;
-}
+using kcfuzz::printed;
 
 } // namespace
 

@@ -16,7 +16,7 @@
  * parsed as a C string (up to a NUL byte), until the number read equals
  * the count or the file ends.
  *
- * No command runs: the shell backend records; the restore's only command
+ * No command runs: a recorded shell records; the restore's only command
  * is the removal of its file.
  *
  * Oracles: the queue holds the first 10 of those trees in file order
@@ -34,10 +34,11 @@
 
 #include <cjson/cJSON.h>
 
+#include "fuzz_oracles.h"
 #include "linux/sem.h"
 #include "sdk/queue_backup.h"
+#include "recorded_shell.h"
 #include "sdk/queue_manager.h"
-#include "util/shell.h"
 
 namespace {
 
@@ -45,7 +46,7 @@ char s_dir[] = "/tmp/kc-fuzz-restore-XXXXXX";
 std::string s_file;
 JsonQueue s_queue;
 int s_refused = 0;
-std::vector<std::string> s_commands;
+kctest::RecordedShell *s_shell = nullptr;
 
 void removeDir(void)
 {
@@ -53,39 +54,13 @@ void removeDir(void)
     rmdir(s_dir);
 }
 
-FILE *noPipe(const char *, const char *)
-{
-    abort(); // the restore reads no command's output
-}
-
-int noClose(FILE *)
-{
-    abort();
-}
-
-int recordCommand(const char *cmd)
-{
-    s_commands.push_back(cmd);
-    return 0;
-}
-
-const ShellBackend kRecorder = {noPipe, noClose, recordCommand};
-
 void countRefused(cJSON *tree)
 {
     s_refused++;
     cJSON_Delete(tree);
 }
 
-std::string printed(const cJSON *tree)
-{
-    char *text = cJSON_PrintUnformatted(tree);
-    if (text == nullptr)
-        abort();
-    std::string s = text;
-    cJSON_free(text);
-    return s;
-}
+using kcfuzz::printed;
 
 /* The trees the restore will read, printed; false when one of the lines it
  * reads does not parse (the assertion path). */
@@ -126,7 +101,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
         abort();
     s_file = std::string(s_dir) + "/cloud_recv_cmd.backup";
     atexit(removeDir);
-    setShellBackend(&kRecorder);
+    s_shell = new kctest::RecordedShell;
+    s_shell->readsAllowed = false; // the restore reads no command's output
     initQueue(&s_queue, QUEUE_CAPACITY);
     setQueueRefusal(&s_queue, countRefused);
     return 0;
@@ -142,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FILE *out = fopen(s_file.c_str(), "wb");
     if (out == nullptr || fwrite(bytes, 1, size, out) != size || fclose(out) != 0)
         abort();
-    s_commands.clear();
+    s_shell->clearRecord();
     s_refused = 0;
 
     restore_queue(s_file.c_str(), &s_queue);
@@ -161,7 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (size_t i = 0; i < kept; i++)
         if (queued[i] != expected[i])
             abort();
-    if (s_commands.size() != 1 || s_commands[0] != "rm -f " + s_file)
+    if (s_shell->commands.size() != 1 || s_shell->commands[0] != "rm -f " + s_file)
         abort();
     unlink(s_file.c_str());
     return 0;

@@ -1,7 +1,7 @@
 /*
  * Fuzzes the system-log stream sender's reading loop
  * (sendStreamSysLogFrom, the body of sendStreamSysLog) over a capture
- * file of its own.  No command runs: the shell backend answers the "date"
+ * file of its own.  No command runs: a recorded shell answers the "date"
  * commands from a fixed text and records the capture's restart.
  *
  * Input: byte 0 is the "level"; byte 1 chooses how many times the rest is
@@ -43,12 +43,13 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_oracles.h"
 #include "sdk/sdk_private.h"
 #include "client/events.h"
 #include "client/handlers.h"
 #include "linux/sem.h"
+#include "recorded_shell.h"
 #include "sdk/nimb_sdk.h"
-#include "util/shell.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ const char kDate[] = "2026-11-25T10:00:00+0100";
 char s_dir[] = "/tmp/kc-fuzz-stream-XXXXXX";
 std::string s_path;
 std::string s_date;
-std::vector<std::string> s_commands;
+kctest::RecordedShell *s_shell = nullptr;
 
 void removeDir(void)
 {
@@ -67,56 +68,17 @@ void removeDir(void)
     rmdir(s_dir);
 }
 
-FILE *dateOpen(const char *cmd, const char *mode)
+bool dateAnswer(const std::string &cmd, std::string *output)
 {
-    if (strcmp(mode, "r") != 0 || strncmp(cmd, "date -d ", 8) != 0)
+    if (cmd.compare(0, 8, "date -d ") != 0)
         abort(); // the sender reads only the date
-    s_commands.push_back(cmd);
-    FILE *stream = fmemopen(nullptr, s_date.size() + 1, "w+");
-    if (stream == nullptr)
-        abort();
-    if (fwrite(s_date.data(), 1, s_date.size(), stream) != s_date.size())
-        abort();
-    rewind(stream);
-    return stream;
+    *output = s_date;
+    return true;
 }
 
-int dateClose(FILE *stream)
-{
-    return fclose(stream);
-}
-
-int recordRun(const char *cmd)
-{
-    s_commands.push_back(cmd);
-    return 0;
-}
-
-const ShellBackend kDevice = {dateOpen, dateClose, recordRun};
-
-int filled(JsonQueue &queue)
-{
-    int value = 0;
-    sem_getvalue(&queue.filledSlots, &value);
-    return value;
-}
-
-/* The lines a 1,024-byte line reader takes from text. */
-std::vector<std::string> readerLines(const std::string &text)
-{
-    std::vector<std::string> lines;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t end = pos;
-        while (end < text.size() && end - pos < 1023) {
-            if (text[end++] == '\n')
-                break;
-        }
-        lines.push_back(text.substr(pos, end - pos));
-        pos = end;
-    }
-    return lines;
-}
+using kcfuzz::filled;
+using kcfuzz::readerLines;
+using kcfuzz::printed;
 
 bool isOwn(const std::string &line)
 {
@@ -171,16 +133,6 @@ cJSON *resultOf(const std::vector<std::string> &messages, size_t from, size_t co
     return root;
 }
 
-std::string printed(const cJSON *tree)
-{
-    char *text = cJSON_PrintUnformatted(tree);
-    if (text == nullptr)
-        abort();
-    std::string s = text;
-    cJSON_free(text);
-    return s;
-}
-
 bool restarted(const std::vector<std::string> &commands)
 {
     for (const std::string &cmd : commands) {
@@ -194,7 +146,8 @@ bool restarted(const std::vector<std::string> &commands)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    setShellBackend(&kDevice);
+    s_shell = new kctest::RecordedShell;
+    s_shell->answer = dateAnswer;
     g_deviceMac = kDeviceMac;
     initNimbQueues();
     if (mkdtemp(s_dir) == nullptr)
@@ -240,7 +193,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (;;) {
         if (++calls > (int)messages.size() + 2)
             abort(); // the sender never finishes the capture
-        s_commands.clear();
+        s_shell->clearRecord();
         sendStreamSysLogFrom(s_path.c_str(), level);
         for (int q = 0; q < SEND_QUEUE_COUNT; q++) {
             if (q != SEND_QUEUE_REPLY && filled(g_sendQueues[q]) != 0)
@@ -249,7 +202,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         int sent = filled(g_sendQueues[SEND_QUEUE_REPLY]);
         if (sent > 1)
             abort();
-        bool restart = restarted(s_commands);
+        bool restart = restarted(s_shell->commands);
         if (restartSeen)
             abort(); // a call after the restart
         restartSeen = restart;

@@ -3,7 +3,7 @@
  * write them back edited: getFreeWlanIndex (the free slot),
  * removeWlanIndex (a slot out of "wlanlist" and its flag out of
  * "enlist"), removeNetworkProfile (entries out of "network_profile"),
- * addWlanIndex and removeNetwork.  No command runs: the shell backend
+ * addWlanIndex and removeNetwork.  No command runs: a recorded shell
  * answers "uci get" from the input and records every "uci set".
  *
  * Input: byte 0: bit 0 the radio, bits 1 to 4 the slot (0 to 15, so that
@@ -42,49 +42,25 @@
 #include <string>
 #include <vector>
 
-#include "util/shell.h"
+#include "recorded_shell.h"
 #include "util/wlan_profile.h"
 
 namespace {
 
 std::string s_wlanlist, s_enlist, s_profile;
-std::vector<std::string> s_reads;  // uci get commands
-std::vector<std::string> s_writes; // other commands
+kctest::RecordedShell *s_shell = nullptr; // reads: the uci gets; runs: the rest
 
-FILE *deviceOpen(const char *cmd, const char *mode)
+/* The list a "uci get" names. */
+bool listAnswer(const std::string &c, std::string *text)
 {
-    if (strcmp(mode, "r") != 0)
-        abort();
-    s_reads.push_back(cmd);
-    std::string c = cmd;
-    std::string text;
     if (c.find(".wlanlist") != std::string::npos)
-        text = s_wlanlist;
+        *text = s_wlanlist;
     else if (c.find(".enlist") != std::string::npos)
-        text = s_enlist;
+        *text = s_enlist;
     else if (c.find(".network_profile") != std::string::npos)
-        text = s_profile;
-    FILE *stream = fmemopen(nullptr, text.size() + 1, "w+");
-    if (stream == nullptr)
-        abort();
-    if (fwrite(text.data(), 1, text.size(), stream) != text.size())
-        abort();
-    rewind(stream);
-    return stream;
+        *text = s_profile;
+    return true;
 }
-
-int deviceClose(FILE *stream)
-{
-    return fclose(stream);
-}
-
-int deviceRun(const char *cmd)
-{
-    s_writes.push_back(cmd);
-    return 0;
-}
-
-const ShellBackend kDevice = {deviceOpen, deviceClose, deviceRun};
 
 std::string noNewlines(const std::string &text)
 {
@@ -139,13 +115,12 @@ std::string setCommand(const std::string &path, const std::string &value)
 
 void clear()
 {
-    s_reads.clear();
-    s_writes.clear();
+    s_shell->clearRecord();
 }
 
 void expect(const std::vector<std::string> &reads, const std::vector<std::string> &writes)
 {
-    if (s_reads != reads || s_writes != writes)
+    if (s_shell->reads() != reads || s_shell->runs() != writes)
         abort();
 }
 
@@ -260,7 +235,8 @@ void checkRemoveNetwork(const std::string &section)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    setShellBackend(&kDevice);
+    s_shell = new kctest::RecordedShell;
+    s_shell->answer = listAnswer;
     return 0;
 }
 

@@ -2,7 +2,7 @@
  * Fuzzes the editing of the wireless lists that the device prints
  * ("uci get wireless.wifi0.network_profile", a radio's "enlist" and
  * "wlanlist"): getBrotherIndex, setEnlistFlag and appendToString.  No
- * command runs: the shell backend records the command lines.
+ * command runs: a recorded shell records the command lines.
  *
  * Input: byte 0 chooses the enable flag (bit 0) and the size of the
  * appended text (the byte itself, 0 to 255, so that sizes 0 and 1 are
@@ -28,31 +28,12 @@
 #include <string>
 #include <vector>
 
-#include "util/shell.h"
+#include "recorded_shell.h"
 #include "util/wlan_profile.h"
 
 namespace {
 
-std::vector<std::string> g_commands;
-
-FILE *recordOpen(const char *cmd, const char *)
-{
-    g_commands.push_back(cmd);
-    return fopen("/dev/null", "r");
-}
-
-int recordClose(FILE *stream)
-{
-    return fclose(stream);
-}
-
-int recordRun(const char *cmd)
-{
-    g_commands.push_back(cmd);
-    return 0;
-}
-
-const ShellBackend kRecorder = {recordOpen, recordClose, recordRun};
+kctest::RecordedShell *s_shell = nullptr; // reads print nothing
 
 std::string withoutNewlines(const std::string &text)
 {
@@ -130,18 +111,18 @@ bool standsForEnlist(const std::string &literal, const std::string &enlist, char
 void checkEnlist(const std::string &section, const std::string &enlist,
                  const std::string &wlanlist, int enabled)
 {
-    g_commands.clear();
+    s_shell->clearRecord();
     int ret = setEnlistFlag(enlist.c_str(), wlanlist.c_str(), section.c_str(), enabled,
                             "wireless.wifi0.enlist");
     if (enlist.empty() || wlanlist.empty()) {
-        if (ret != -1 || !g_commands.empty())
+        if (ret != -1 || !s_shell->commands.empty())
             abort();
         return;
     }
-    if (ret != 1 || g_commands.size() != 1)
+    if (ret != 1 || s_shell->commands.size() != 1)
         abort();
     const std::string prefix = "uci set wireless.wifi0.enlist=\"";
-    const std::string &cmd = g_commands[0];
+    const std::string &cmd = s_shell->commands[0];
     /* the command line is built in 1024 bytes: a longer one is cut, and
      * then lacks its closing quote (the shell refuses it) */
     if (cmd.size() > 1023 || cmd.compare(0, prefix.size(), prefix) != 0)
@@ -211,10 +192,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     while (texts.size() < 4)
         texts.push_back("");
 
-    setShellBackend(&kRecorder);
+    kctest::RecordedShell shell;
+    s_shell = &shell;
     checkBrother(texts[0], texts[1]);
     checkEnlist(texts[0], texts[2], texts[3], flags & 1);
     checkAppend(texts[2], texts[3], flags);
-    setShellBackend(NULL);
+    s_shell = nullptr;
     return 0;
 }

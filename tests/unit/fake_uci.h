@@ -1,11 +1,13 @@
 /*
- * An in-memory device for the wireless helpers and handlers: a UCI store
- * that answers "uci get PATH [| tr -d '\n']" and takes "uci set PATH=..."
- * (quoted values unescaped as the shell would), the utility script's
- * "getNetwordId" (the masked address) and canned answers for other
- * commands.  It is put in with setShellBackend for the life of the object,
- * so no device command runs.  Every command is recorded in order, with the
- * number of replies waiting in the reply queue when it ran.
+ * An in-memory device for the wireless helpers and handlers: a recorded
+ * shell (recorded_shell.h) with a UCI store that answers "uci get PATH [|
+ * tr -d '\n']" and takes "uci set PATH=..." (quoted values unescaped as the
+ * shell would), the utility script's "getNetwordId" (the masked address)
+ * and canned answers for other commands.  No device command runs while it
+ * lives.  Every command is recorded in order, with the number of replies
+ * waiting in the reply queue when it ran.  Also how the handler tests call
+ * a handler on it: both radios present, the template device's lists, the
+ * replies a request gives and their texts.
  */
 #ifndef KC_TESTS_UNIT_FAKE_UCI_H
 #define KC_TESTS_UNIT_FAKE_UCI_H
@@ -16,33 +18,35 @@
 #include <string>
 #include <vector>
 
+#include "client/handlers.h"
+#include "recorded_shell.h"
 #include "test_support.h"
+#include "util/radios.h"
 #include "util/shell.h"
 
 namespace kctest {
 
-class FakeUci {
+class FakeUci : public RecordedShell {
 public:
     FakeUci()
     {
-        current() = this;
-        static const ShellBackend backend = {open, close, run};
-        setShellBackend(&backend);
+        answer = [this](const std::string &cmd, std::string *text) {
+            return storeAnswer(cmd, text);
+        };
+        run = [this](const std::string &cmd) {
+            apply(cmd);
+            return 0;
+        };
+        onCommand = [this](const std::string &) {
+            repliesQueued.push_back(filledCount(g_sendQueues[SEND_QUEUE_REPLY]));
+        };
     }
-    ~FakeUci()
-    {
-        setShellBackend(nullptr);
-        current() = nullptr;
-    }
-    FakeUci(const FakeUci &) = delete;
-    FakeUci &operator=(const FakeUci &) = delete;
 
     /* The store: path -> value. */
     std::map<std::string, std::string> uci;
     /* Output of commands that start with the key (longest key wins). */
-    std::map<std::string, std::string> canned;
-    /* Every command, oldest first, and the replies queued when it ran. */
-    std::vector<std::string> commands;
+    std::map<std::string, std::string> &canned = prefixOutputs;
+    /* The replies queued when each command (commands) ran. */
     std::vector<int> repliesQueued;
 
     bool has(const std::string &path) const { return uci.count(path) != 0; }
@@ -51,53 +55,11 @@ public:
         auto it = uci.find(path);
         return it == uci.end() ? "<unset>" : it->second;
     }
-    /* Commands starting with prefix, in order. */
-    std::vector<std::string> commandsStartingWith(const std::string &prefix) const
-    {
-        std::vector<std::string> out;
-        for (const std::string &c : commands)
-            if (c.compare(0, prefix.size(), prefix) == 0)
-                out.push_back(c);
-        return out;
-    }
     std::vector<std::string> sets() const { return commandsStartingWith("uci set "); }
     void clearRecord()
     {
-        commands.clear();
+        RecordedShell::clearRecord();
         repliesQueued.clear();
-    }
-
-    /* The text a command prints on this device. */
-    std::string output(const std::string &cmd)
-    {
-        const std::string get = "uci get ";
-        const std::string tr = " | tr -d '\\n'";
-        if (cmd.compare(0, get.size(), get) == 0) {
-            std::string rest = cmd.substr(get.size());
-            bool stripped = rest.size() >= tr.size() &&
-                            rest.compare(rest.size() - tr.size(), tr.size(), tr) == 0;
-            std::string path = stripped ? rest.substr(0, rest.size() - tr.size()) : rest;
-            auto it = uci.find(path);
-            if (it == uci.end())
-                return "";
-            return stripped ? it->second : it->second + "\n";
-        }
-        const std::string networkId = std::string(KAPRI_UTIL_SCRIPT) + " getNetwordId ";
-        if (cmd.compare(0, networkId.size(), networkId) == 0) {
-            std::vector<std::string> words = splitWords(cmd.substr(networkId.size()));
-            words.resize(2);
-            return maskedAddress(words[0], words[1]) + "\n";
-        }
-        std::string best;
-        std::string text;
-        for (const auto &entry : canned) {
-            if (cmd.compare(0, entry.first.size(), entry.first) == 0 &&
-                entry.first.size() >= best.size()) {
-                best = entry.first;
-                text = entry.second;
-            }
-        }
-        return text;
     }
 
     /* "uci set PATH=..." into the store. */
@@ -126,38 +88,32 @@ public:
     }
 
 private:
-    static FakeUci *&current()
+    /* "uci get" from the store, "getNetwordId" computed; false for any
+     * other command (the canned answers). */
+    bool storeAnswer(const std::string &cmd, std::string *text) const
     {
-        static FakeUci *device = nullptr;
-        return device;
-    }
-
-    void record(const char *cmd)
-    {
-        commands.push_back(cmd);
-        repliesQueued.push_back(filledCount(g_sendQueues[SEND_QUEUE_REPLY]));
-    }
-
-    static FILE *open(const char *cmd, const char *mode)
-    {
-        (void)mode;
-        FakeUci *self = current();
-        self->record(cmd);
-        std::string text = self->output(cmd);
-        FILE *stream = fmemopen(nullptr, text.size() + 1, "w+");
-        if (stream == nullptr)
-            abort();
-        fwrite(text.data(), 1, text.size(), stream);
-        rewind(stream);
-        return stream;
-    }
-    static int close(FILE *stream) { return fclose(stream); }
-    static int run(const char *cmd)
-    {
-        FakeUci *self = current();
-        self->record(cmd);
-        self->apply(cmd);
-        return 0;
+        const std::string get = "uci get ";
+        const std::string tr = " | tr -d '\\n'";
+        if (cmd.compare(0, get.size(), get) == 0) {
+            std::string rest = cmd.substr(get.size());
+            bool stripped = rest.size() >= tr.size() &&
+                            rest.compare(rest.size() - tr.size(), tr.size(), tr) == 0;
+            std::string path = stripped ? rest.substr(0, rest.size() - tr.size()) : rest;
+            auto it = uci.find(path);
+            if (it == uci.end())
+                *text = "";
+            else
+                *text = stripped ? it->second : it->second + "\n";
+            return true;
+        }
+        const std::string networkId = std::string(KAPRI_UTIL_SCRIPT) + " getNetwordId ";
+        if (cmd.compare(0, networkId.size(), networkId) == 0) {
+            std::vector<std::string> words = splitWords(cmd.substr(networkId.size()));
+            words.resize(2);
+            *text = maskedAddress(words[0], words[1]) + "\n";
+            return true;
+        }
+        return false;
     }
 
     /* Words of a command line, single quotes taken off. */
@@ -199,6 +155,60 @@ private:
         return out;
     }
 };
+
+/* ---- calling a handler on the device ---- */
+
+/* Both radios present, for the life of the object. */
+struct DualBand {
+    DualBand() : saved2(g_support2G.load()), saved5(g_support5G.load())
+    {
+        g_support2G = 1;
+        g_support5G = 1;
+    }
+    ~DualBand()
+    {
+        g_support2G = saved2;
+        g_support5G = saved5;
+    }
+    int saved2, saved5;
+};
+
+/* The template device's wireless lists. */
+inline void seed(FakeUci &dev)
+{
+    dev.uci["wireless.wifi0.wlanlist"] = "0,1";
+    dev.uci["wireless.wifi0.enlist"] = "1,1";
+    dev.uci["wireless.wifi0.network_profile"] = "w0_index0:w1_index0,w0_index1";
+    dev.uci["wireless.wifi1.wlanlist"] = "0";
+    dev.uci["wireless.wifi1.enlist"] = "1";
+    dev.uci["wireless.wifi0.opmode"] = "ap";
+    dev.uci["wireless.wifi1.opmode"] = "ap";
+}
+
+/* Calls a handler with a request text; the replies it queued. */
+inline std::vector<std::string> handle(void (*handler)(const cJSON *), const std::string &text)
+{
+    drainReplies();
+    cJSON *request = cJSON_Parse(text.c_str());
+    EXPECT_NE(nullptr, request);
+    handler(request);
+    cJSON_Delete(request);
+    return drainReplies();
+}
+
+/* The texts of a success reply and of a refusal of the parameters. */
+inline std::string success(const char *id)
+{
+    return std::string("{\"jsonrpc\":\"2.0\",\"id\":\"") + id +
+           "\",\"result\":{\"deviceId\":\"" + g_deviceMac + "\"}}";
+}
+
+inline std::string refusal(const char *id, const char *data)
+{
+    return std::string("{\"jsonrpc\":\"2.0\",\"id\":\"") + id +
+           "\",\"error\":{\"code\":-32602,\"message\":\"Invalid method parameter\",\"data\":\"" +
+           data + "\"}}";
+}
 
 } // namespace kctest
 

@@ -2,9 +2,16 @@
  * Snapshot of a queue into its backup file: the count line and one
  * unformatted tree a line, oldest first; an empty queue leaves an older
  * file alone; a wrapped ring writes its negative count and no items; the
- * queue itself is not changed.  All files live in a private directory.
+ * queue itself is not changed.  The restore from that file: a line that
+ * is not JSON stops the process with its report and the file set aside; a
+ * read error ends it.  All files live in a private directory.
  */
 #include <gtest/gtest.h>
+
+#include <csignal>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cjson/cJSON.h>
 
@@ -216,3 +223,88 @@ TEST_F(BackupTest, APlainSnapshotDropsNothing)
     EXPECT_EQ("1", takeId(q));
 }
 
+/* ---- the restore ---- */
+
+TEST(RestoreAssertion, ALineThatIsNotJsonStopsTheProcessWithItsReport)
+{
+    TempDir dir;
+    dir.write("recv.backup", "2\n{\"jsonrpc\":\"2.0\"}\nnot json\n");
+    std::string file = dir.file("recv.backup");
+    EXPECT_DEATH(
+        {
+            JsonQueue q;
+            initQueue(&q, QUEUE_CAPACITY);
+            restore_queue(file.c_str(), &q);
+        },
+        // the report is all the process writes (under user-mode emulation
+        // the emulator adds its own line about the signal)
+        "^korvat-cloud: kapri_util\\.cpp:1702: restore_queue: Assertion `\\(\\(void \\*\\)0\\) != "
+        "root' failed\\.\n(qemu: uncaught target signal 6 \\(Aborted\\)[^\n]*\n)?$");
+    // the process that died moved the file aside, whole, so that the next
+    // start does not stop at the same line
+    EXPECT_FALSE(dir.exists("recv.backup"));
+    ASSERT_TRUE(dir.exists("recv.backup.corrupt"));
+    EXPECT_EQ("2\n{\"jsonrpc\":\"2.0\"}\nnot json\n", dir.read("recv.backup.corrupt"));
+}
+
+TEST(RestoreAssertion, AnOlderSetAsideFileIsReplaced)
+{
+    TempDir dir;
+    dir.write("recv.backup.corrupt", "old damage\n");
+    dir.write("recv.backup", "1\n{\"a\n");
+    std::string file = dir.file("recv.backup");
+    EXPECT_DEATH(
+        {
+            JsonQueue q;
+            initQueue(&q, QUEUE_CAPACITY);
+            restore_queue(file.c_str(), &q);
+        },
+        "Assertion `\\(\\(void \\*\\)0\\) != root' failed");
+    EXPECT_FALSE(dir.exists("recv.backup"));
+    EXPECT_EQ("1\n{\"a\n", dir.read("recv.backup.corrupt"));
+}
+
+/* A read error (EIO from flash; here the error of reading a directory)
+ * ends the restore instead of reading for ever. */
+TEST(RestoreReadError, EndsTheRestore)
+{
+    TempDir dir;
+    dir.write("recv.backup/inside", "x");
+    std::string file = dir.file("recv.backup");
+    pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) {
+        JsonQueue q;
+        initQueue(&q, QUEUE_CAPACITY);
+        restore_queue(file.c_str(), &q);
+        _exit(freeSlotCount(&q) == QUEUE_CAPACITY ? 0 : 1);
+    }
+    int status = 0;
+    pid_t done = 0;
+    for (int i = 0; i < 200 * kcTestTimeScale() && done == 0; i++) {
+        done = waitpid(child, &status, WNOHANG);
+        if (done == 0)
+            usleep(50 * 1000);
+    }
+    if (done == 0) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        FAIL() << "the restore kept reading after a read error";
+    }
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+}
+
+TEST(RestoreAssertion, AnEmptyLineBeforeTheCountIsReachedStopsItToo)
+{
+    TempDir dir;
+    dir.write("recv.backup", "1\n\n{}\n");
+    std::string file = dir.file("recv.backup");
+    EXPECT_DEATH(
+        {
+            JsonQueue q;
+            initQueue(&q, QUEUE_CAPACITY);
+            restore_queue(file.c_str(), &q);
+        },
+        "Assertion `\\(\\(void \\*\\)0\\) != root' failed");
+}

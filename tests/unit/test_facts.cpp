@@ -1,13 +1,17 @@
 /*
  * System facts: the pure formatting steps (uptime, firmware cut, load
  * average, CPU figure, compact timestamp, 32-bit memory bytes) and the
- * getters themselves run against fake device tools and files.
+ * getters themselves run against fake device tools and files; the CPU
+ * figure from two /proc/stat samples read through a recorded shell.
  */
+#include <cstdio>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "recorded_shell.h"
 #include "test_support.h"
 #include "util/text.h"
 #include "util/facts.h"
@@ -171,6 +175,45 @@ TEST(CpuUsage, TopFigureAbove100GivesHundred)
     tools.tool("top", "echo 'CPU:  10.0% usr  5.5% sys   1.0% nic  80.0% idle   2.0% io   1.0% irq   0.5% sirq'");
     EXPECT_EQ(20, get_cpu_usage());
     g_cpuUsage = saved;
+}
+
+TEST(CpuUsage, BusyShareBetweenTwoSamples)
+{
+    // 25 of 100 ticks idle: 75 percent busy
+    EXPECT_EQ(75, cpu_usage_between(1000, 5000, 1025, 5100));
+    EXPECT_EQ(0, cpu_usage_between(1000, 5000, 1100, 5100));
+    EXPECT_EQ(100, cpu_usage_between(1000, 5000, 1000, 5100));
+    // no time between the samples
+    EXPECT_EQ(0, cpu_usage_between(1000, 5000, 1000, 5000));
+}
+
+TEST(CpuUsage, SampledFromProcStatThroughTheShell)
+{
+    // two /proc/stat samples, each read by two commands: the idle command
+    // prints field 5, the total command the sum of 2..10
+    const std::vector<std::string> stat = {"cpu  100 0 100 800 0 0 0 0 0",
+                                           "cpu  160 0 130 810 0 0 0 0 0"};
+    RecordedShell shell;
+    shell.answer = [&](const std::string &cmd, std::string *output) {
+        const std::string &sample = stat.at((shell.commands.size() - 1) / 2);
+        unsigned long f[10] = {0};
+        sscanf(sample.c_str(), "cpu %lu %lu %lu %lu %lu %lu %lu %lu %lu", &f[1], &f[2], &f[3],
+               &f[4], &f[5], &f[6], &f[7], &f[8], &f[9]);
+        unsigned long value = 0;
+        if (cmd.find("idle=($5)") != std::string::npos)
+            value = f[4];
+        else
+            for (int i = 1; i <= 9; i++)
+                value += f[i];
+        *output = std::to_string(value) + "\n";
+        return true;
+    };
+    calculateCPUUsage();
+    calculateCPUUsage();
+    // 100 ticks passed, 10 of them idle
+    EXPECT_EQ(90, g_cpuUsage.load());
+    EXPECT_EQ(90, get_cpu_usage()); // kept figure: no command runs
+    EXPECT_EQ(4u, shell.commands.size());
 }
 
 TEST(CompactTimestamp, DigitsOfTheDateAndTimeToTheMinute)

@@ -2,29 +2,21 @@
  * The maintenance family against a recorded device: every command line in
  * its order, the reply queued before each disruptive action, every refusal
  * answered with nothing run; the firmware command's own escaping; the DHCP
- * client check; the update-interval names; the log stream's request id;
- * and the assertion that stops a restore on a line that is not JSON.
+ * client check; the update-interval names; the log stream's request id.
  *
- * No device command runs: the shell backend records each command (and the
+ * No device command runs: a recorded shell records each command (and the
  * number of replies waiting at that moment) and answers from memory.
  */
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <map>
 #include <string>
 #include <vector>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cjson/cJSON.h>
 
 #include "client/events.h"
 #include "client/handlers.h"
-#include "sdk/queue_backup.h"
+#include "recorded_shell.h"
 #include "test_support.h"
 #include "util/apply.h"
 #include "util/debug.h"
@@ -41,62 +33,29 @@ namespace {
 
 const char kMac[] = "00:11:22:33:44:55";
 
-/* ---- the recorded device ---- */
+/* ---- the recorded device: outputs by exact command; the replies waiting
+ * in the reply queue when each command ran ---- */
 
-struct Command {
-    std::string text;
-    int repliesWaiting; /* trees in the reply queue when it ran */
-};
-
-std::vector<Command> s_commands;
-std::map<std::string, std::string> s_outputs; /* command -> its output */
-
-void record(const char *cmd)
-{
-    s_commands.push_back({cmd, filledCount(g_sendQueues[SEND_QUEUE_REPLY])});
-}
-
-FILE *recordedOpen(const char *cmd, const char *)
-{
-    record(cmd);
-    auto found = s_outputs.find(cmd);
-    std::string text = found != s_outputs.end() ? found->second : "";
-    FILE *stream = fmemopen(nullptr, text.size() + 1, "w+");
-    if (stream == nullptr)
-        abort();
-    fwrite(text.data(), 1, text.size(), stream);
-    rewind(stream);
-    return stream;
-}
-
-int recordedClose(FILE *stream)
-{
-    fclose(stream);
-    return 0;
-}
-
-int recordedRun(const char *cmd)
-{
-    record(cmd);
-    return 0;
-}
-
-const ShellBackend kRecordedDevice = {recordedOpen, recordedClose, recordedRun};
+RecordedShell *s_device = nullptr;
+std::vector<int> s_repliesWaiting;
 
 std::vector<std::string> texts(void)
 {
-    std::vector<std::string> out;
-    for (const Command &c : s_commands)
-        out.push_back(c.text);
-    return out;
+    return s_device->commands;
 }
 
 int waitingAt(const std::string &text)
 {
-    for (const Command &c : s_commands)
-        if (c.text == text)
-            return c.repliesWaiting;
+    for (size_t i = 0; i < s_device->commands.size(); i++)
+        if (s_device->commands[i] == text)
+            return s_repliesWaiting.at(i);
     return -1;
+}
+
+void clearRecord(void)
+{
+    s_device->clearRecord();
+    s_repliesWaiting.clear();
 }
 
 std::string success(const char *id)
@@ -116,15 +75,17 @@ protected:
     void SetUp() override
     {
         drainReplies();
-        s_commands.clear();
-        s_outputs.clear();
+        s_repliesWaiting.clear();
+        s_device = &device_;
+        device_.onCommand = [](const std::string &) {
+            s_repliesWaiting.push_back(filledCount(g_sendQueues[SEND_QUEUE_REPLY]));
+        };
         oldMac_ = g_deviceMac;
         g_deviceMac = kMac;
-        setShellBackend(&kRecordedDevice);
     }
     void TearDown() override
     {
-        setShellBackend(nullptr);
+        s_device = nullptr;
         g_deviceMac = oldMac_;
         g_debugFlag = 0;
         setLogStreaming(0);
@@ -146,6 +107,7 @@ protected:
     }
 
 private:
+    RecordedShell device_; /* the shell backend while the test runs */
     const char *oldMac_ = nullptr;
 };
 
@@ -217,8 +179,8 @@ TEST_F(Maintenance, FirmwareUpdateRunsTheEscapedCommandWithATrailingBlank)
     CaptureStdout();
     fw_update("a;reboot");
     std::string out = GetCapturedStdout();
-    ASSERT_EQ(1u, s_commands.size());
-    EXPECT_EQ("/bin/cli.sh fwupgrade a\\;reboot ", s_commands[0].text);
+    ASSERT_EQ(1u, texts().size());
+    EXPECT_EQ("/bin/cli.sh fwupgrade a\\;reboot ", texts().at(0));
     EXPECT_NE(std::string::npos,
               out.find("[FUNC kapri_util.cpp::fw_update][LINE ")) << out;
     EXPECT_NE(std::string::npos,
@@ -233,7 +195,7 @@ TEST_F(Maintenance, FirmwareUpdateWithoutAUrlRunsNothing)
     fw_update(nullptr);
     fw_update("");
     EXPECT_EQ("\nfirmware URL error!\n\nfirmware URL error!\n", GetCapturedStdout());
-    EXPECT_TRUE(s_commands.empty());
+    EXPECT_TRUE(texts().empty());
 }
 
 TEST(FirmwareUrl, ControlCharactersAreRefused)
@@ -254,7 +216,7 @@ TEST_F(Maintenance, FirmwareUpdateOfAUrlWithAControlCharacterRunsNothing)
     CaptureStdout();
     fw_update("http://x/a.bin\nreboot");
     EXPECT_EQ("\nfirmware URL error!\n", GetCapturedStdout());
-    EXPECT_TRUE(s_commands.empty());
+    EXPECT_TRUE(texts().empty());
 }
 
 /* ---- assert_udhcpc_start ---- */
@@ -267,8 +229,8 @@ const char kGrep[] = "(grep -q udhcpc /tmp/ps.txt) && (echo 1 | tr -d '\\n') || 
 
 TEST_F(Maintenance, DhcpClientIsStartedWhenTheLanIsOnDhcpAndNoneRuns)
 {
-    s_outputs[kProto] = "dhcp";
-    s_outputs[kGrep] = "0";
+    s_device->outputs[kProto] = "dhcp";
+    s_device->outputs[kGrep] = "0";
     g_debugFlag = 1;
     CaptureStdout();
     assert_udhcpc_start();
@@ -284,8 +246,8 @@ TEST_F(Maintenance, DhcpClientIsStartedWhenTheLanIsOnDhcpAndNoneRuns)
 
 TEST_F(Maintenance, DhcpClientIsLeftAloneWhenOneRuns)
 {
-    s_outputs[kProto] = "dhcp";
-    s_outputs[kGrep] = "1";
+    s_device->outputs[kProto] = "dhcp";
+    s_device->outputs[kGrep] = "1";
     assert_udhcpc_start();
     EXPECT_EQ((std::vector<std::string>{kProto, "ps > /tmp/ps.txt", kGrep, "rm -f /tmp/ps.txt"}),
               texts());
@@ -293,11 +255,11 @@ TEST_F(Maintenance, DhcpClientIsLeftAloneWhenOneRuns)
 
 TEST_F(Maintenance, DhcpClientIsLeftAloneOnAStaticLan)
 {
-    s_outputs[kProto] = "static";
+    s_device->outputs[kProto] = "static";
     assert_udhcpc_start();
     EXPECT_EQ((std::vector<std::string>{kProto}), texts());
-    s_commands.clear();
-    s_outputs[kProto] = "DHCP"; // compared exactly
+    clearRecord();
+    s_device->outputs[kProto] = "DHCP"; // compared exactly
     assert_udhcpc_start();
     EXPECT_EQ((std::vector<std::string>{kProto}), texts());
 }
@@ -310,13 +272,13 @@ TEST_F(Maintenance, WithoutDeviceIdEveryHandlerButTheStreamRefusesAndRunsNothing
                              "dxGetStatusUpdateFrequency", "dxSetStatusUpdateFrequency",
                              "dxSetCloudServerUrl"};
     for (const char *method : methods) {
-        s_commands.clear();
+        clearRecord();
         std::vector<std::string> replies =
             call(method, "n", "{\"url\":\"http://x/fw.bin\",\"mode\":\"DEBUG\",\"frequency\":30,"
                               "\"port\":8080,\"saveAndRestore\":true}");
         ASSERT_EQ(1u, replies.size()) << method;
         EXPECT_EQ(invalid("n"), replies[0]) << method;
-        EXPECT_TRUE(s_commands.empty()) << method << ": " << s_commands[0].text;
+        EXPECT_TRUE(texts().empty()) << method << ": " << texts().at(0);
     }
 }
 
@@ -332,7 +294,7 @@ TEST_F(Maintenance, FirmwareUpdateRepliesFirstThenRunsTheTool)
     ASSERT_EQ(1u, replies.size());
     EXPECT_EQ(success("f1"), replies[0]);
     EXPECT_EQ((std::vector<std::string>{"/bin/cli.sh fwupgrade a\\;reboot "}), texts());
-    EXPECT_EQ(1, s_commands[0].repliesWaiting);
+    EXPECT_EQ(1, s_repliesWaiting.at(0));
     size_t save = out.find("]: Save configurations before firmware update...(Not Implement Yet!)\n");
     size_t cmd = out.find("=== Download firmware and update");
     EXPECT_NE(std::string::npos, save) << out;
@@ -369,7 +331,7 @@ TEST_F(Maintenance, FirmwareUpdateRefusesAMissingEmptyOrNonTextUrl)
         ASSERT_EQ(1u, replies.size()) << p;
         EXPECT_EQ(invalid("u"), replies[0]) << p;
     }
-    EXPECT_TRUE(s_commands.empty());
+    EXPECT_TRUE(texts().empty());
 }
 
 /* ---- dxStreamSystemLogs ---- */
@@ -466,7 +428,7 @@ TEST_F(Maintenance, ANumericIdNeverGetsPastTheDispatcher)
     EXPECT_EQ("{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32600,\"message\":"
               "\"The JSON sent is not a valid Request object\",\"data\":\"\"}}",
               replies[0]);
-    EXPECT_TRUE(s_commands.empty());
+    EXPECT_TRUE(texts().empty());
     EXPECT_EQ(0, logStreaming());
 }
 
@@ -514,7 +476,7 @@ TEST_F(Maintenance, OtherModesAreRefusedBeforeAnyWrite)
         ASSERT_EQ(1u, replies.size()) << p;
         EXPECT_EQ(invalid("m"), replies[0]) << p;
     }
-    EXPECT_TRUE(s_commands.empty());
+    EXPECT_TRUE(texts().empty());
 }
 
 /* ---- dxGetStatusUpdateFrequency ---- */
@@ -525,7 +487,7 @@ const char kGetFrequency[] = "uci get korvatCloud.korvatCloud.auto_update | tr -
 
 TEST_F(Maintenance, FrequencyIsTheUciValue)
 {
-    s_outputs[kGetFrequency] = "120";
+    s_device->outputs[kGetFrequency] = "120";
     std::vector<std::string> replies = call("dxGetStatusUpdateFrequency", "g", "{\"deviceId\":1}");
     ASSERT_EQ(1u, replies.size());
     EXPECT_EQ(std::string("{\"jsonrpc\":\"2.0\",\"id\":\"g\",\"result\":{\"deviceId\":\"") + kMac +
@@ -554,7 +516,7 @@ TEST_F(Maintenance, FrequencyIsSetAfterTheReplyAndCommitted)
     EXPECT_EQ((std::vector<std::string>{"uci set korvatCloud.korvatCloud.auto_update=300",
                                         "uci commit korvatCloud.korvatCloud.auto_update"}),
               texts());
-    EXPECT_EQ(1, s_commands[0].repliesWaiting);
+    EXPECT_EQ(1, s_repliesWaiting.at(0));
 }
 
 TEST_F(Maintenance, FrequencyIsTheIntegerValue)
@@ -580,7 +542,7 @@ TEST_F(Maintenance, FrequencyZeroNegativeTextOrMissingIsRefused)
         ASSERT_EQ(1u, replies.size()) << p;
         EXPECT_EQ(invalid("z"), replies[0]) << p;
     }
-    EXPECT_TRUE(s_commands.empty());
+    EXPECT_TRUE(texts().empty());
 }
 
 /* ---- dxSetCloudServerUrl ---- */
@@ -597,7 +559,7 @@ TEST_F(Maintenance, ServerUrlIsWrittenAfterTheReplyAndTheAgentRestarts)
                   "uci set korvatCloud.korvatCloud.server_url=\"wss://cloud.example/\\$(id)\"",
                   "uci commit", "/etc/init.d/korvatCloud restart &"}),
               texts());
-    EXPECT_EQ(1, s_commands[0].repliesWaiting);
+    EXPECT_EQ(1, s_repliesWaiting.at(0));
 }
 
 TEST_F(Maintenance, ServerPortOneAndAnEmptyUrlAreAccepted)
@@ -606,8 +568,8 @@ TEST_F(Maintenance, ServerPortOneAndAnEmptyUrlAreAccepted)
         call("dxSetCloudServerUrl", "c1", "{\"deviceId\":\"x\",\"url\":\"\",\"port\":1}");
     ASSERT_EQ(1u, replies.size());
     EXPECT_EQ(success("c1"), replies[0]);
-    EXPECT_EQ("uci set korvatCloud.korvatCloud.port_number=1", s_commands.at(0).text);
-    EXPECT_EQ("uci set korvatCloud.korvatCloud.server_url=\"\"", s_commands.at(2).text);
+    EXPECT_EQ("uci set korvatCloud.korvatCloud.port_number=1", texts().at(0));
+    EXPECT_EQ("uci set korvatCloud.korvatCloud.server_url=\"\"", texts().at(2));
 }
 
 TEST_F(Maintenance, ServerPortOutOfRangeOrNoUrlIsRefused)
@@ -624,91 +586,5 @@ TEST_F(Maintenance, ServerPortOutOfRangeOrNoUrlIsRefused)
         ASSERT_EQ(1u, replies.size()) << p;
         EXPECT_EQ(invalid("r"), replies[0]) << p;
     }
-    EXPECT_TRUE(s_commands.empty());
-}
-
-/* ---- the restore's assertion ---- */
-
-TEST(RestoreAssertion, ALineThatIsNotJsonStopsTheProcessWithItsReport)
-{
-    TempDir dir;
-    dir.write("recv.backup", "2\n{\"jsonrpc\":\"2.0\"}\nnot json\n");
-    std::string file = dir.file("recv.backup");
-    EXPECT_DEATH(
-        {
-            JsonQueue q;
-            initQueue(&q, QUEUE_CAPACITY);
-            restore_queue(file.c_str(), &q);
-        },
-        // the report is all the process writes (under user-mode emulation
-        // the emulator adds its own line about the signal)
-        "^korvat-cloud: kapri_util\\.cpp:1702: restore_queue: Assertion `\\(\\(void \\*\\)0\\) != "
-        "root' failed\\.\n(qemu: uncaught target signal 6 \\(Aborted\\)[^\n]*\n)?$");
-    // the process that died moved the file aside, whole, so that the next
-    // start does not stop at the same line
-    EXPECT_FALSE(dir.exists("recv.backup"));
-    ASSERT_TRUE(dir.exists("recv.backup.corrupt"));
-    EXPECT_EQ("2\n{\"jsonrpc\":\"2.0\"}\nnot json\n", dir.read("recv.backup.corrupt"));
-}
-
-TEST(RestoreAssertion, AnOlderSetAsideFileIsReplaced)
-{
-    TempDir dir;
-    dir.write("recv.backup.corrupt", "old damage\n");
-    dir.write("recv.backup", "1\n{\"a\n");
-    std::string file = dir.file("recv.backup");
-    EXPECT_DEATH(
-        {
-            JsonQueue q;
-            initQueue(&q, QUEUE_CAPACITY);
-            restore_queue(file.c_str(), &q);
-        },
-        "Assertion `\\(\\(void \\*\\)0\\) != root' failed");
-    EXPECT_FALSE(dir.exists("recv.backup"));
-    EXPECT_EQ("1\n{\"a\n", dir.read("recv.backup.corrupt"));
-}
-
-/* A read error (EIO from flash; here the error of reading a directory)
- * ends the restore instead of reading for ever. */
-TEST(RestoreReadError, EndsTheRestore)
-{
-    TempDir dir;
-    dir.write("recv.backup/inside", "x");
-    std::string file = dir.file("recv.backup");
-    pid_t child = fork();
-    ASSERT_NE(-1, child);
-    if (child == 0) {
-        JsonQueue q;
-        initQueue(&q, QUEUE_CAPACITY);
-        restore_queue(file.c_str(), &q);
-        _exit(freeSlotCount(&q) == QUEUE_CAPACITY ? 0 : 1);
-    }
-    int status = 0;
-    pid_t done = 0;
-    for (int i = 0; i < 200 * kcTestTimeScale() && done == 0; i++) {
-        done = waitpid(child, &status, WNOHANG);
-        if (done == 0)
-            usleep(50 * 1000);
-    }
-    if (done == 0) {
-        kill(child, SIGKILL);
-        waitpid(child, &status, 0);
-        FAIL() << "the restore kept reading after a read error";
-    }
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
-}
-
-TEST(RestoreAssertion, AnEmptyLineBeforeTheCountIsReachedStopsItToo)
-{
-    TempDir dir;
-    dir.write("recv.backup", "1\n\n{}\n");
-    std::string file = dir.file("recv.backup");
-    EXPECT_DEATH(
-        {
-            JsonQueue q;
-            initQueue(&q, QUEUE_CAPACITY);
-            restore_queue(file.c_str(), &q);
-        },
-        "Assertion `\\(\\(void \\*\\)0\\) != root' failed");
+    EXPECT_TRUE(texts().empty());
 }

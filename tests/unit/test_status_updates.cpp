@@ -1,17 +1,13 @@
 // Pieces of the periodic status update: the memory alarm's quotient (64-bit
-// arithmetic), the radio objects from "WifiInfo", and the CPU figure from
-// two /proc/stat samples.
+// arithmetic) and the radio objects from "WifiInfo".
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "json/accessors.h"
 #include "client/script_answers.h"
 #include "client/status_updates.h"
 #include "test_support.h"
-#include "util/shell.h"
-#include "util/facts.h"
 
 TEST(MemoryAlarm, QuotientOfUsedOverAllKilobytes)
 {
@@ -61,57 +57,4 @@ TEST(RadioObjects, ThreeRadiosDropTheUpdateAndNoAnswerAddsNothing)
     EXPECT_EQ(0, r);
     EXPECT_EQ("{}", radios("not json", &r));
     EXPECT_EQ(0, r);
-}
-
-TEST(CpuUsage, BusyShareBetweenTwoSamples)
-{
-    // 25 of 100 ticks idle: 75 percent busy
-    EXPECT_EQ(75, cpu_usage_between(1000, 5000, 1025, 5100));
-    EXPECT_EQ(0, cpu_usage_between(1000, 5000, 1100, 5100));
-    EXPECT_EQ(100, cpu_usage_between(1000, 5000, 1000, 5100));
-    // no time between the samples
-    EXPECT_EQ(0, cpu_usage_between(1000, 5000, 1000, 5000));
-}
-
-namespace {
-std::vector<std::string> s_stat;
-size_t s_next = 0;
-FILE *statPipe(const char *cmd, const char *mode)
-{
-    (void)mode;
-    std::string c = cmd;
-    // the idle command prints field 5, the total command the sum of 2..10
-    const std::string &sample = s_stat[s_next / 2];
-    s_next++;
-    unsigned long f[10] = {0};
-    sscanf(sample.c_str(), "cpu %lu %lu %lu %lu %lu %lu %lu %lu %lu", &f[1], &f[2], &f[3],
-           &f[4], &f[5], &f[6], &f[7], &f[8], &f[9]);
-    unsigned long value = 0;
-    if (c.find("idle=($5)") != std::string::npos)
-        value = f[4];
-    else
-        for (int i = 1; i <= 9; i++)
-            value += f[i];
-    static std::vector<std::string> s_outputs; // live until the test ends
-    s_outputs.reserve(16);
-    s_outputs.push_back(std::to_string(value) + "\n");
-    std::string &out = s_outputs.back();
-    return fmemopen(&out[0], out.size(), "r");
-}
-int statClose(FILE *f) { return fclose(f); }
-int noRun(const char *) { return 0; }
-} // namespace
-
-TEST(CpuUsage, SampledFromProcStatThroughTheShell)
-{
-    s_stat = {"cpu  100 0 100 800 0 0 0 0 0", "cpu  160 0 130 810 0 0 0 0 0"};
-    s_next = 0;
-    const ShellBackend backend = {statPipe, statClose, noRun};
-    setShellBackend(&backend);
-    calculateCPUUsage();
-    calculateCPUUsage();
-    setShellBackend(nullptr);
-    // 100 ticks passed, 10 of them idle
-    EXPECT_EQ(90, g_cpuUsage.load());
-    EXPECT_EQ(90, get_cpu_usage()); // kept figure: no command runs
 }

@@ -1,9 +1,9 @@
 /*
  * Time zones, calendar arithmetic, the daylight-saving rule and the whole
- * time-settings record, against an in-memory device behind the shell
- * backend: "uci get" reads a table of options, "uci set" writes it, "date
- * +%Y" prints a chosen year, and every command is recorded in order.  No
- * device command runs.  Also the maintenance timer's time-sync check.
+ * time-settings record, against an in-memory device on a recorded shell:
+ * "uci get" reads a table of options, "uci set" writes it, "date +%Y"
+ * prints a chosen year, and every command is recorded in order.  No device
+ * command runs.
  */
 #include <ctime>
 #include <map>
@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "client/timer.h"
+#include "recorded_shell.h"
 #include "test_support.h"
 #include "util/debug.h"
 #include "util/shell.h"
@@ -24,8 +24,8 @@ namespace {
 /* ---- the in-memory device ---- */
 
 std::map<std::string, std::string> s_uci; // option path -> value
-std::vector<std::string> s_commands;      // every command, in order
 std::string s_year = "2021";
+kctest::RecordedShell *s_device = nullptr; // records every command, in order
 
 const std::string kUciGet = "uci get ";
 const std::string kUciGetEnd = " | tr -d '\\n'";
@@ -37,40 +37,27 @@ bool startsWith(const std::string &s, const std::string &prefix)
     return s.compare(0, prefix.size(), prefix) == 0;
 }
 
-FILE *fakeOpen(const char *cmd, const char *mode)
+/* "uci get PATH | tr -d '\\n'" from the table, "date +%Y" the year; any
+ * other read is a failure. */
+bool deviceAnswer(const std::string &c, std::string *out)
 {
-    EXPECT_STREQ("r", mode);
-    std::string c = cmd;
-    s_commands.push_back(c);
-    std::string out;
     if (startsWith(c, kUciGet) && c.size() > kUciGet.size() + kUciGetEnd.size() &&
         c.compare(c.size() - kUciGetEnd.size(), kUciGetEnd.size(), kUciGetEnd) == 0) {
         std::string path = c.substr(kUciGet.size(), c.size() - kUciGet.size() - kUciGetEnd.size());
         auto found = s_uci.find(path);
         if (found != s_uci.end())
-            out = found->second; // tr has taken the newline away
+            *out = found->second; // tr has taken the newline away
     } else if (c == kDateYear) {
-        out = s_year;
+        *out = s_year;
     } else {
         ADD_FAILURE() << "unexpected command: " << c;
     }
-    FILE *stream = fmemopen(nullptr, out.size() + 1, "w+");
-    fwrite(out.data(), 1, out.size(), stream);
-    rewind(stream);
-    return stream;
-}
-
-int fakeClose(FILE *stream)
-{
-    fclose(stream);
-    return 0;
+    return true;
 }
 
 /* "uci set PATH=VALUE" or "uci set PATH=\"VALUE\"" (with \" \$ \` \\). */
-int fakeRun(const char *cmd)
+int deviceRun(const std::string &c)
 {
-    std::string c = cmd;
-    s_commands.push_back(c);
     if (!startsWith(c, kUciSet))
         return 0;
     std::string rest = c.substr(kUciSet.size());
@@ -91,7 +78,11 @@ int fakeRun(const char *cmd)
     return 0;
 }
 
-const ShellBackend kTimeZoneDevice = {fakeOpen, fakeClose, fakeRun};
+/* Every command so far, in order. */
+const std::vector<std::string> &commands()
+{
+    return s_device->commands;
+}
 
 /* The device's options as it leaves the factory (time part). */
 std::map<std::string, std::string> factoryOptions()
@@ -123,16 +114,20 @@ protected:
     void SetUp() override
     {
         s_uci = factoryOptions();
-        s_commands.clear();
         s_year = "2021";
-        setShellBackend(&kTimeZoneDevice);
+        device_.answer = deviceAnswer;
+        device_.run = deviceRun;
+        s_device = &device_;
     }
     void TearDown() override
     {
-        setShellBackend(nullptr);
+        s_device = nullptr;
         g_debugFlag = 0;
     }
     static std::string get(const std::string &path) { return "uci get " + path + " | tr -d '\\n'"; }
+
+private:
+    kctest::RecordedShell device_;
 };
 
 std::string take(char *text)
@@ -303,9 +298,9 @@ TEST_F(TimeZoneDevice, TimeZoneOffsetOfTheStoredCode)
     EXPECT_EQ("<none>", take(get_timezone_offset()));
     s_uci.erase("system.system.timezone"); // uci prints nothing
     EXPECT_EQ("<none>", take(get_timezone_offset()));
-    for (const std::string &c : s_commands)
+    for (const std::string &c : commands())
         EXPECT_EQ(get("system.system.timezone"), c);
-    EXPECT_EQ(5u, s_commands.size());
+    EXPECT_EQ(5u, commands().size());
 }
 
 /* ---- calendar ---- */
@@ -441,7 +436,7 @@ TEST_F(TimeZoneDevice, CurrentYearFromTheClock)
 {
     s_year = "2027";
     EXPECT_EQ(2027, get_current_year());
-    EXPECT_EQ(std::vector<std::string>{kDateYear}, s_commands);
+    EXPECT_EQ(std::vector<std::string>{kDateYear}, commands());
     s_year = "";
     EXPECT_EQ(0, get_current_year());
 }
@@ -470,7 +465,7 @@ TEST_F(TimeZoneDevice, ModeIsDisabledWhenTheSwitchIsOff)
     s_uci["ntpclient.@ntpclient[0].AutoDaylightSaving"] = "1";
     EXPECT_STREQ("DISABLED", get_daylight_saving_mode());
     EXPECT_EQ(std::vector<std::string>{get("ntpclient.daylightsaving.DayLightEnable")},
-              s_commands);
+              commands());
 }
 
 TEST_F(TimeZoneDevice, ModeIsAutomaticOrManualWhenTheSwitchIsOn)
@@ -486,8 +481,8 @@ TEST_F(TimeZoneDevice, ModeIsAutomaticOrManualWhenTheSwitchIsOn)
     s_uci.erase("ntpclient.daylightsaving.DayLightEnable");
     s_uci["ntpclient.@ntpclient[0].AutoDaylightSaving"] = "1";
     EXPECT_STREQ("AUTOMATIC", get_daylight_saving_mode());
-    EXPECT_EQ(get("ntpclient.daylightsaving.DayLightEnable"), s_commands[0]);
-    EXPECT_EQ(get("ntpclient.@ntpclient[0].AutoDaylightSaving"), s_commands[1]);
+    EXPECT_EQ(get("ntpclient.daylightsaving.DayLightEnable"), commands()[0]);
+    EXPECT_EQ(get("ntpclient.@ntpclient[0].AutoDaylightSaving"), commands()[1]);
 }
 
 TEST_F(TimeZoneDevice, SettingDisabledLeavesTheAutomaticSwitchAlone)
@@ -496,7 +491,7 @@ TEST_F(TimeZoneDevice, SettingDisabledLeavesTheAutomaticSwitchAlone)
     s_uci["ntpclient.@ntpclient[0].AutoDaylightSaving"] = "1";
     EXPECT_EQ(1, set_daylight_saving_mode("DISABLED"));
     EXPECT_EQ(std::vector<std::string>{"uci set ntpclient.daylightsaving.DayLightEnable=0"},
-              s_commands);
+              commands());
     EXPECT_EQ("1", s_uci["ntpclient.@ntpclient[0].AutoDaylightSaving"]);
 }
 
@@ -505,17 +500,17 @@ TEST_F(TimeZoneDevice, SettingAnyOtherModeSwitchesOn)
     const std::vector<std::pair<const char *, const char *>> cases = {
         {"AUTOMATIC", "1"}, {"MANUAL", "0"}, {"automatic", "0"}, {"", "0"}};
     for (const auto &c : cases) {
-        s_commands.clear();
+        s_device->clearRecord();
         EXPECT_EQ(1, set_daylight_saving_mode(c.first));
         EXPECT_EQ((std::vector<std::string>{
                       "uci set ntpclient.daylightsaving.DayLightEnable=1",
                       std::string("uci set ntpclient.@ntpclient[0].AutoDaylightSaving=") + c.second}),
-                  s_commands)
+                  commands())
             << c.first;
     }
-    s_commands.clear();
+    s_device->clearRecord();
     EXPECT_EQ(0, set_daylight_saving_mode(nullptr));
-    EXPECT_TRUE(s_commands.empty());
+    EXPECT_TRUE(commands().empty());
 }
 
 TEST_F(TimeZoneDevice, StartAndEndDatesOfTheRuleInThisYear)
@@ -531,7 +526,7 @@ TEST_F(TimeZoneDevice, StartAndEndDatesOfTheRuleInThisYear)
                   get("ntpclient.daylightsaving.endMonth"),
                   get("ntpclient.daylightsaving.endWeek"),
                   get("ntpclient.daylightsaving.endDay"), kDateYear}),
-              s_commands);
+              commands());
     s_year = "2024";
     EXPECT_EQ("03/10", take(get_dst_start_date()));
     EXPECT_EQ("11/03", take(get_dst_end_date()));
@@ -555,7 +550,7 @@ TEST_F(TimeZoneDevice, StartAndEndHours)
     EXPECT_EQ("23:00", take(get_dst_end_hour()));
     EXPECT_EQ((std::vector<std::string>{get("ntpclient.daylightsaving.startHour"),
                                         get("ntpclient.daylightsaving.endHour")}),
-              s_commands);
+              commands());
     // a figure too wide for the 6-byte text is cut
     s_uci["ntpclient.daylightsaving.endHour"] = "123";
     EXPECT_EQ("123:0", take(get_dst_end_hour()));
@@ -569,20 +564,20 @@ TEST_F(TimeZoneDevice, SettingADateStoresMonthWeekAndWeekday)
                                         "uci set ntpclient.daylightsaving.startMonth=3",
                                         "uci set ntpclient.daylightsaving.startWeek=2",
                                         "uci set ntpclient.daylightsaving.startDay=0"}),
-              s_commands);
-    s_commands.clear();
+              commands());
+    s_device->clearRecord();
     EXPECT_EQ(1, set_dst_end_date("03/31"));
     EXPECT_EQ((std::vector<std::string>{kDateYear,
                                         "uci set ntpclient.daylightsaving.endMonth=3",
                                         "uci set ntpclient.daylightsaving.endWeek=5",
                                         "uci set ntpclient.daylightsaving.endDay=3"}),
-              s_commands);
+              commands());
     // and it reads back as the same date
     EXPECT_EQ("03/14", take(get_dst_start_date()));
     EXPECT_EQ("03/31", take(get_dst_end_date()));
-    s_commands.clear();
+    s_device->clearRecord();
     EXPECT_EQ(0, set_dst_start_date(nullptr));
-    EXPECT_TRUE(s_commands.empty());
+    EXPECT_TRUE(commands().empty());
 }
 
 TEST_F(TimeZoneDevice, SettingAnHourStoresTheNumberBeforeTheColon)
@@ -592,7 +587,7 @@ TEST_F(TimeZoneDevice, SettingAnHourStoresTheNumberBeforeTheColon)
     EXPECT_EQ(0, set_dst_end_hour(nullptr));
     EXPECT_EQ((std::vector<std::string>{"uci set ntpclient.daylightsaving.startHour=2",
                                         "uci set ntpclient.daylightsaving.endHour=14"}),
-              s_commands);
+              commands());
 }
 
 /* ---- the whole record ---- */
@@ -637,7 +632,7 @@ TEST_F(TimeZoneDevice, ReadingTheRecord)
                   get("ntpclient.daylightsaving.endWeek"),
                   get("ntpclient.daylightsaving.endDay"), kDateYear,
                   get("ntpclient.daylightsaving.endHour")}),
-              s_commands);
+              commands());
     EXPECT_EQ(-1, read_time_settings(nullptr));
 }
 
@@ -685,9 +680,9 @@ TEST_F(TimeZoneDevice, WritingARecordWithAManualTime)
                   "uci set ntpclient.daylightsaving.endWeek=5", // Oct 31 2021: 5th Sunday
                   "uci set ntpclient.daylightsaving.endDay=0",
                   "uci set ntpclient.daylightsaving.endHour=3"}),
-              s_commands);
+              commands());
     // nothing is committed here
-    for (const std::string &c : s_commands)
+    for (const std::string &c : commands())
         EXPECT_EQ(std::string::npos, c.find("commit")) << c;
     EXPECT_EQ(-1, write_time_settings(nullptr));
 }
@@ -704,7 +699,7 @@ TEST_F(TimeZoneDevice, WritingARecordWithoutManualTimeTakesTheTimeFromTheServer)
     strcpy(s.dstEndDate, "11/07");
     strcpy(s.dstEndHour, "02:00");
     ASSERT_EQ(0, write_time_settings(&s));
-    ASSERT_GE(s_commands.size(), 7u);
+    ASSERT_GE(commands().size(), 7u);
     EXPECT_EQ((std::vector<std::string>{
                   "uci set korvatCloud.korvatCloud.ts_autoUpdate=\"NONE\"",
                   "uci set ntpclient.@ntpserver[0].hostname=\"pool.ntp.org\"",
@@ -713,7 +708,7 @@ TEST_F(TimeZoneDevice, WritingARecordWithoutManualTimeTakesTheTimeFromTheServer)
                   "uci set ntpclient.@ntpclient[0].TimeSettingMode=1",
                   "uci set korvatCloud.korvatCloud.ts_manualEntry=\"\"",
                   "uci set ntpclient.daylightsaving.DayLightEnable=0"}),
-              std::vector<std::string>(s_commands.begin(), s_commands.begin() + 7));
+              std::vector<std::string>(commands().begin(), commands().begin() + 7));
     EXPECT_EQ("", s_uci["system.system.fixtime"]); // untouched
 }
 
@@ -724,8 +719,8 @@ TEST_F(TimeZoneDevice, ARecordWithoutOffsetClearsTheZone)
     strcpy(s.autoUpdate, "NONE");
     strcpy(s.dstMode, "DISABLED");
     ASSERT_EQ(0, write_time_settings(&s));
-    ASSERT_GE(s_commands.size(), 3u);
-    EXPECT_EQ("uci set system.system.timezone=\"\"", s_commands[2]);
+    ASSERT_GE(commands().size(), 3u);
+    EXPECT_EQ("uci set system.system.timezone=\"\"", commands()[2]);
 }
 
 TEST_F(TimeZoneDevice, ARecordReadsBackAsWritten)
@@ -747,84 +742,4 @@ TEST_F(TimeZoneDevice, ARecordReadsBackAsWritten)
     EXPECT_EQ(0, memcmp(&s, &back, sizeof s));
     EXPECT_EQ("CST-9:30", s_uci["system.system.timezone"]);
     EXPECT_EQ("a\"b $(x) `y` \\z", s_uci["ntpclient.@ntpserver[0].hostname"]);
-}
-
-/* ---- the time-sync check of the maintenance timer ---- */
-
-namespace {
-
-/* Ticks 1 .. last through timeSyncCheck; each command with its tick. */
-std::vector<std::pair<int, std::string>> runTicks(int last)
-{
-    std::vector<std::pair<int, std::string>> seen;
-    for (int tick = 1; tick <= last; tick++) {
-        s_commands.clear();
-        timeSyncCheck(tick);
-        for (const std::string &c : s_commands)
-            seen.emplace_back(tick, c);
-    }
-    return seen;
-}
-
-class TimeZoneSync : public TimeZoneDevice {
-protected:
-    void SetUp() override
-    {
-        TimeZoneDevice::SetUp();
-        savedBase_ = g_timeSyncBase;
-        savedPeriod_ = g_timeSyncPeriod;
-        g_timeSyncBase = 0;
-    }
-    void TearDown() override
-    {
-        g_timeSyncBase = savedBase_;
-        g_timeSyncPeriod = savedPeriod_;
-        TimeZoneDevice::TearDown();
-    }
-    int savedBase_ = 0;
-    int savedPeriod_ = 0;
-};
-
-} // namespace
-
-TEST_F(TimeZoneSync, HourlyReloadsAtEveryFullHour)
-{
-    g_timeSyncPeriod = frequency_name_to_seconds("1_HOUR");
-    g_debugFlag = 0;
-    auto seen = runTicks(7300);
-    EXPECT_EQ((std::vector<std::pair<int, std::string>>{{3600, "luci-reload ntpclient"},
-                                                        {7200, "luci-reload ntpclient"}}),
-              seen);
-}
-
-TEST_F(TimeZoneSync, InDebugModeTheTimeIsNotedFirst)
-{
-    g_timeSyncPeriod = frequency_name_to_seconds("1_HOUR");
-    g_debugFlag = 1;
-    auto seen = runTicks(3600);
-    EXPECT_EQ((std::vector<std::pair<int, std::string>>{{3600, "date >> /tmp/ts_autoupdate"},
-                                                        {3600, "luci-reload ntpclient"}}),
-              seen);
-}
-
-TEST_F(TimeZoneSync, CountedFromTheBase)
-{
-    g_timeSyncPeriod = frequency_name_to_seconds("1_HOUR");
-    g_timeSyncBase = 100;
-    auto seen = runTicks(7300);
-    EXPECT_EQ((std::vector<std::pair<int, std::string>>{{100, "luci-reload ntpclient"},
-                                                        {3700, "luci-reload ntpclient"},
-                                                        {7300, "luci-reload ntpclient"}}),
-              seen);
-}
-
-TEST_F(TimeZoneSync, NeverWithNoneOrAnUnknownName)
-{
-    g_debugFlag = 1;
-    for (const char *name : {"NONE", "2_HOURS", "", "1_hour"}) {
-        g_timeSyncPeriod = frequency_name_to_seconds(name);
-        EXPECT_TRUE(runTicks(7300).empty()) << name;
-    }
-    g_timeSyncPeriod = frequency_name_to_seconds(nullptr);
-    EXPECT_TRUE(runTicks(7300).empty());
 }

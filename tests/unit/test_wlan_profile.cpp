@@ -438,9 +438,9 @@ TEST(SecurityNames, RequestNamesAndUciValues)
     EXPECT_EQ(0, isRadiusEncryption("none"));
 }
 
-/* ---- operation mode ---- */
+/* ---- the operation-mode checks ---- */
 
-TEST(OpMode, StaIsNotAnAccessPointUnsetIs)
+TEST(ApOpModeCheck, StaIsNotAnAccessPointUnsetIs)
 {
     FakeUci dev;
     EXPECT_EQ(1, isApOpMode(0)); // unset
@@ -466,7 +466,7 @@ TEST(OpMode, StaIsNotAnAccessPointUnsetIs)
     EXPECT_TRUE(dev.commands.empty());
 }
 
-TEST(OpMode, ByNetworkIndex)
+TEST(ApOpModeCheck, ByNetworkIndex)
 {
     FakeUci dev;
     dev.uci["wireless.wifi0.opmode"] = "sta";
@@ -480,7 +480,7 @@ TEST(OpMode, ByNetworkIndex)
     EXPECT_TRUE(dev.commands.empty());
 }
 
-TEST(OpMode, TheGateLooksAtRadioOneOnlyWithA5GHzRadio)
+TEST(ApOpModeCheck, TheGateLooksAtRadioOneOnlyWithA5GHzRadio)
 {
     FakeUci dev;
     dev.uci["wireless.wifi1.opmode"] = "sta";
