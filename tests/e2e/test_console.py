@@ -194,6 +194,8 @@ def _check_console(driver, console, servers, device, store):
     until(driver, lambda d: d.find_element(By.ID, "log-state").text == "streaming",
           what="streaming switched on")
     assert wait_for(lambda: (device.read_file("/tmp/cloud_logread_pid") or "").strip(), 20)
+    # the follower has taken its starting point: a line logged now is streamed
+    assert device.wait_journal("logread -f", timeout=20)
     marker = "console-stream-marker-42"
     device.append_syslog("Nov 15 23:12:24 VK310 user.notice root: %s" % marker)
     until(driver, lambda d: marker in d.find_element(By.ID, "log-view").text, 40,
