@@ -464,16 +464,22 @@ class Runner:
         self.phase = "before the restart"
         self.probe("before")
         self.sleep(self.o.settle)
-        # a request right before each connection's close frame: the
-        # agents take it and its reply waits in their queues during the
-        # outage
+        # close: a request right before each connection's close frame;
+        # the agents take it and its reply waits in their queues during
+        # the outage.  drop: the reset would discard a request still on
+        # its way, so the requests go first (a quick device may answer
+        # before the reset: counted as before the outage)
         rid = "queued-%d" % int(time.time())
+        request = {"method": "dxGetAbout", "params": {"deviceId": None}, "id": rid}
+        if self.o.outage_mode == "drop":
+            sent = self.control.call("request_all", **request)
+            request = None
         self.steady_until = time.time()
         self.cpu_until = accounting.take_sample()
         away = self.control.call("go_away", seconds=self.o.outage, mode=self.o.outage_mode,
-                                 request={"method": "dxGetAbout",
-                                          "params": {"deviceId": None}, "id": rid})
-        sent = {"sent": away["sent"], "skipped": away["skipped"]}
+                                 request=request)
+        if request is not None:
+            sent = {"sent": away["sent"], "skipped": away["skipped"]}
         self.phase = "server away"
         self.note("server away for %.0f s (%d requests in flight)" % (self.o.outage,
                                                                       len(sent["sent"])))
