@@ -40,6 +40,13 @@ void kcDebugPrintAs(int pid, const char *module, const char *func, int line,
         if (g_debugFlag)                                                  \
             kcDebugPrint((module), __func__, __LINE__, __VA_ARGS__);       \
     } while (0)
+/* A line in the name of func, a function of this module whose work was
+ * moved into a helper: the calling thread, the real line. */
+#define KC_DEBUG_FOR(func, ...)                                           \
+    do {                                                                  \
+        if (g_debugFlag)                                                  \
+            kcDebugPrint(KC_MODULE, (func), __LINE__, __VA_ARGS__);       \
+    } while (0)
 #define KC_DEBUG_AS(pid, func, line, ...)                                 \
     do {                                                                  \
         if (g_debugFlag)                                                  \

@@ -277,12 +277,29 @@ char *getBrotherIndex(const char *section, char *profile)
     return NULL;
 }
 
-/* uci set wireless.SECTION.OPTION="value" */
-static void setSectionOption(const char *section, const char *option, const char *value)
+/* "wireless.SECTION.OPTION" into path, with the trace's debug line. */
+static void wirelessOptionPath(char *path, size_t size, const char *section, const char *option,
+                               const OptionTrace &trace)
+{
+    snprintf(path, size, "wireless.%s.%s", section, option);
+    if (g_debugFlag && trace.module != NULL)
+        kcDebugPrint(trace.module, trace.func, trace.line, "uci_path = %s\n", path);
+}
+
+void setWirelessOption(const char *section, const char *option, const char *value,
+                       const OptionTrace &trace)
 {
     char path[320];
-    snprintf(path, sizeof path, "wireless.%s.%s", section, option);
+    wirelessOptionPath(path, sizeof path, section, option, trace);
     uci_set(path, value);
+}
+
+void setWirelessOption(const char *section, const char *option, int value,
+                       const OptionTrace &trace)
+{
+    char path[320];
+    wirelessOptionPath(path, sizeof path, section, option, trace);
+    uci_set_int(path, value);
 }
 
 void setWifiSecurity(const char *section, const char *encryption, const char *password,
@@ -295,17 +312,14 @@ void setWifiSecurity(const char *section, const char *encryption, const char *pa
              secret_shown(radiusSecret), radiusPort);
     if (section == NULL || encryption == NULL)
         return;
-    setSectionOption(section, "encryption", encryption);
+    setWirelessOption(section, "encryption", encryption);
     if (isPskEncryption(encryption)) {
-        setSectionOption(section, "key", password);
+        setWirelessOption(section, "key", password);
     } else if (isRadiusEncryption(encryption)) {
-        setSectionOption(section, "server", radiusServer);
-        if (radiusPort != WLAN_ABSENT_PORT) {
-            char path[320];
-            snprintf(path, sizeof path, "wireless.%s.port", section);
-            uci_set_int(path, radiusPort);
-        }
-        setSectionOption(section, "WLANWpaRadiusSrvSecret", radiusSecret);
+        setWirelessOption(section, "server", radiusServer);
+        if (radiusPort != WLAN_ABSENT_PORT)
+            setWirelessOption(section, "port", radiusPort);
+        setWirelessOption(section, "WLANWpaRadiusSrvSecret", radiusSecret);
     }
 }
 

@@ -89,6 +89,26 @@ int setEnlistFlag(const char *enlist, const char *wlanlist, const char *section,
  * a new text without newlines; NULL when the network is not paired. */
 char *getBrotherIndex(const char *section, char *profile);
 
+/* Where the "uci_path = %s" debug line of a write is printed from: the
+ * module and function it names, and its line.  A write with kUntraced
+ * (module NULL) prints no line. */
+struct OptionTrace {
+    const char *module;
+    const char *func;
+    int line;
+};
+inline const OptionTrace kUntraced = {NULL, NULL, 0};
+
+/* The one setter of the wireless networks' options: uci set
+ * wireless.SECTION.OPTION="VALUE" (a text, as uci_set writes it) or
+ * wireless.SECTION.OPTION=N (a number, as uci_set_int), after the
+ * "uci_path = %s" debug line when a trace is given.  A NULL value text is
+ * not written. */
+void setWirelessOption(const char *section, const char *option, const char *value,
+                       const OptionTrace &trace = kUntraced);
+void setWirelessOption(const char *section, const char *option, int value,
+                       const OptionTrace &trace = kUntraced);
+
 /* Writes the security of section: the encryption value, then for the
  * pre-shared key modes the key, for the RADIUS modes the server, the port
  * (unless port is WLAN_ABSENT_PORT) and the secret.  Options of other modes
