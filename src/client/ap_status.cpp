@@ -1,9 +1,8 @@
 /*
- * The access point's live state and configuration, as the server asks for
- * it: "vekGetSystemConfig" and "vekSetSystemConfig" (device name and band
- * steering), "vekGetStatus", "vekGetLanStatus", "vekGetRadioStatus",
- * "vekGetGuestNetworkStatus", "vekGetNetworkStatus", "vekGetClientStatus",
- * "vekGetRadioConfig" and "vekGetNetworkConfig".
+ * The access point's live state, as the server asks for it: "vekGetStatus",
+ * "vekGetLanStatus", "vekGetRadioStatus", "vekGetGuestNetworkStatus",
+ * "vekGetNetworkStatus" and "vekGetClientStatus".  Its configuration is in
+ * ap_config.cpp.
  *
  * The figures come from the utility script (client/script_answers.h): a
  * sub-command prints either one value or a JSON document, which is
@@ -27,6 +26,7 @@
 #include "json/accessors.h"
 #include "util/apply.h"
 #include "util/debug.h"
+#include "util/device_name.h"
 #include "util/shell.h"
 #include "util/uci.h"
 #include "util/text.h"
@@ -37,15 +37,7 @@
 
 /* ---- helpers ---- */
 
-static const char kSystemName[] = "system.system.SystemName";
-static const char kSnmpName[] = "snmpd.snmpv2.sysName";
-static const char kBandSteering[] = "clientcontrol.bandsteer.enable";
 static const char kAllClients[] = "00:00:00:00:00:00";
-
-/* The data text of a refused network index. */
-static const char kInvalidIndex[] = "Invalid network index.";
-/* The data text of a steering request to a device with one radio. */
-static const char kSteeringUnsupported[] = "vk310 NOT support.";
 
 static const char *const kNetworkStatusKeys[] = {"deviceId", "networks", NULL};
 static const char *const kNetworkStatusItems[] = {"networkIndex", "enabled", "mac", "ssid",
@@ -53,25 +45,6 @@ static const char *const kNetworkStatusItems[] = {"networkIndex", "enabled", "ma
 static const char *const kClientStatusKeys[] = {"deviceId", "clients", NULL};
 static const char *const kClientStatusItems[] = {"cmac", "ssid", "rx", "tx", "signal",
                                                  "name", "interface", NULL};
-static const char *const kRadioConfigKeys[] = {"deviceId", "interface", "enabled", "opMode",
-                                               "wirelessMode", NULL};
-static const char *const kPersonalNetworkKeys[] = {
-    "deviceId", "networkIndex", "mac", "ssid", "interface", "enabled", "security",
-    "password", "vlanId", "broadcastEnabled", "separationEnabled", NULL};
-static const char *const kEnterpriseNetworkKeys[] = {
-    "deviceId", "networkIndex", "mac", "ssid", "interface", "enabled", "security",
-    "radiusServer", "radiusPort", "radiusSecret", "vlanId", "broadcastEnabled",
-    "separationEnabled", NULL};
-
-/* The enterprise key list for "WPA2" and "WPA MIXED", else the personal one. */
-static const char *const *networkConfigKeys(const cJSON *answer)
-{
-    const char *security = jsonGetString(answer, "security");
-    if (security != NULL && (strcmp(security, "WPA2") == 0 || strcmp(security, "WPA MIXED") == 0))
-        return kEnterpriseNetworkKeys;
-    return kPersonalNetworkKeys;
-}
-
 /* The guest network of one band as a "guestNetworks" entry; nothing when
  * the script prints nothing or no JSON for it. */
 static void addGuestNetworkEntry(cJSON *array, const char *band)
@@ -90,55 +63,6 @@ static void addGuestNetworkEntry(cJSON *array, const char *band)
     jsonAddString(guest, "interface", answerText(answer, "interface"));
     jsonAddToArray(array, guest);
     jsonDelete(answer);
-}
-
-/* A changed device name goes to SNMP and the system, each committed at
- * once (every commit commits all packages).  1 when it changed. */
-static int renameSystem(const char *name)
-{
-    char *current = uci_get(kSystemName);
-    int changed = current != NULL && current != SHELL_ERROR_TEXT && strcmp(current, name) != 0;
-    free_text(current);
-    if (!changed)
-        return 0;
-    uci_set(kSnmpName, name);
-    uci_commit(NULL);
-    uci_set(kSystemName, name);
-    uci_commit(NULL);
-    return 1;
-}
-
-/* Copies one option of the 2.4 GHz guest network to the 5 GHz one. */
-static void copyGuestOption(const char *option)
-{
-    char from[64];
-    char to[64];
-    snprintf(from, sizeof from, "wireless.w0_index25.%s", option);
-    snprintf(to, sizeof to, "wireless.w1_index25.%s", option);
-    char *value = uci_get(from);
-    if (value != NULL && value != SHELL_ERROR_TEXT)
-        uci_set(to, value);
-    free_text(value);
-}
-
-/* Stages the band-steering switch (not committed); enabling it gives the
- * 5 GHz guest network the 2.4 GHz one's name and credentials.  1 when it
- * changed. */
-static int setBandSteering(int requested)
-{
-    char *current = uci_get(kBandSteering);
-    int now = atoi(current != SHELL_ERROR_TEXT && current != NULL ? current : "");
-    free_text(current);
-    if (now == requested)
-        return 0;
-    KC_DEBUG("uci_path = %s\n", kBandSteering);
-    uci_set(kBandSteering, requested == 1 ? "1" : "0");
-    if (requested == 1) {
-        copyGuestOption("ssid");
-        copyGuestOption("encryption");
-        copyGuestOption("key");
-    }
-    return 1;
 }
 
 /* A re-shaped answer with more radios or guest networks than the device
@@ -191,56 +115,6 @@ static void answerObjectsHandler(const cJSON *request, Refusal (*add)(cJSON *res
 }
 
 /* ---- handlers ---- */
-
-void vekGetSystemConfigHandler(const cJSON *request)
-{
-    if (deviceParams(request) == NULL) {
-        replyRefusal(request, missingDeviceId());
-        return;
-    }
-    char *name = uci_get(kSystemName);
-    if (name == NULL || name == SHELL_ERROR_TEXT || name[0] == '\0') {
-        free_text(name);
-        replyRefusal(request, refusal(KC_ERROR_DEVICE_STATE));
-        return;
-    }
-    cJSON *result = NULL;
-    cJSON *reply = deviceResult(request, &result);
-    jsonAddString(result, "name", name);
-    free_text(name);
-    if (g_support5G) {
-        char *steering = uci_get(kBandSteering);
-        if (steering != NULL && steering != SHELL_ERROR_TEXT && steering[0] != '\0')
-            jsonAddBool(result, "steeringEnabled", atoi(steering) != 0);
-        free_text(steering);
-    }
-    replyResult(reply);
-}
-
-void vekSetSystemConfigHandler(const cJSON *request)
-{
-    const cJSON *params = deviceParams(request);
-    if (params == NULL) {
-        replyRefusal(request, missingDeviceId());
-        return;
-    }
-    const char *name = jsonGetString(params, "name");
-    int steering = jsonGetIntOrAbsent(params, "steeringEnabled");
-    if (name == NULL || (g_support5G && steering == JSON_ABSENT_INT)) {
-        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
-        return;
-    }
-    if (!g_support5G && steering != JSON_ABSENT_INT) {
-        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, kSteeringUnsupported));
-        return;
-    }
-    int changed = renameSystem(name);
-    if (g_support5G)
-        changed |= setBandSteering(steering);
-    replyDeviceId(request);
-    if (changed)
-        cloud_action_apply();
-}
 
 void vekGetStatusHandler(const cJSON *request)
 {
@@ -344,68 +218,6 @@ void vekGetClientStatusHandler(const cJSON *request)
     snprintf(cmd, size, "%s vekGetClientStatus result %s", KAPRI_UTIL_SCRIPT, word);
     free_text(word);
     KC_DEBUG("sys_cmd = %s\n", cmd);
-    cJSON *answer = NULL;
-    Refusal why = scriptJson(cmd, &answer);
+    replyFilteredAnswer(request, cmd, kClientStatusKeys, kClientStatusItems);
     free(cmd);
-    if (isRefused(why)) {
-        replyRefusal(request, why);
-        return;
-    }
-    replyResult(filteredReply(request, answer, kClientStatusKeys, kClientStatusItems));
-}
-
-void vekGetRadioConfigHandler(const cJSON *request)
-{
-    const cJSON *params = deviceParams(request);
-    if (params == NULL) {
-        replyRefusal(request, missingDeviceId());
-        return;
-    }
-    const char *interface = jsonGetString(params, "interface");
-    if (interface == NULL || interface[0] == '\0') {
-        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
-        return;
-    }
-    char *upper = str_to_upper(interface);
-    int radio = strcmp(upper, "2.4GHZ") == 0 ? 0 : strcmp(upper, "5GHZ") == 0 ? 1 : -1;
-    free_text(upper);
-    if (radio < 0) {
-        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
-        return;
-    }
-    char cmd[128];
-    snprintf(cmd, sizeof cmd, "%s vekGetRadioConfig result %d", KAPRI_UTIL_SCRIPT, radio);
-    KC_DEBUG("sys_cmd = %s\n", cmd);
-    cJSON *answer = NULL;
-    Refusal why = scriptJson(cmd, &answer);
-    if (isRefused(why)) {
-        replyRefusal(request, why);
-        return;
-    }
-    replyResult(filteredReply(request, answer, kRadioConfigKeys, NULL));
-}
-
-void vekGetNetworkConfigHandler(const cJSON *request)
-{
-    const cJSON *params = deviceParams(request);
-    if (params == NULL) {
-        replyRefusal(request, missingDeviceId());
-        return;
-    }
-    int index = jsonGetInt(params, "networkIndex");
-    (void)jsonGetString(params, "mac"); /* read, not used */
-    if (!isValidNetworkIndex(index)) {
-        replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS, kInvalidIndex));
-        return;
-    }
-    char cmd[128];
-    snprintf(cmd, sizeof cmd, "%s vekGetNetworkConfig result %d", KAPRI_UTIL_SCRIPT, index);
-    KC_DEBUG("sys_cmd = %s\n", cmd);
-    cJSON *answer = NULL;
-    Refusal why = scriptJson(cmd, &answer);
-    if (isRefused(why)) {
-        replyRefusal(request, why);
-        return;
-    }
-    replyResult(filteredReply(request, answer, networkConfigKeys(answer), NULL));
 }

@@ -37,16 +37,16 @@ static const MethodEntry kMethods[] = {
     {"dxGetStatusUpdateFrequency", dxGetStatusUpdateFrequencyHandler}, /* maintenance */
     {"dxSetStatusUpdateFrequency", dxSetStatusUpdateFrequencyHandler}, /* maintenance */
     {"dxSetCloudServerUrl", dxSetCloudServerUrlHandler},        /* maintenance */
-    {"vekGetSystemConfig", vekGetSystemConfigHandler},          /* access point status */
-    {"vekSetSystemConfig", vekSetSystemConfigHandler},          /* access point status */
+    {"vekGetSystemConfig", vekGetSystemConfigHandler},          /* access point configuration */
+    {"vekSetSystemConfig", vekSetSystemConfigHandler},          /* access point configuration */
     {"vekGetStatus", vekGetStatusHandler},                      /* access point status */
     {"vekGetLanStatus", vekGetLanStatusHandler},                /* access point status */
     {"vekGetRadioStatus", vekGetRadioStatusHandler},            /* access point status */
     {"vekGetGuestNetworkStatus", vekGetGuestNetworkStatusHandler}, /* access point status */
     {"vekGetNetworkStatus", vekGetNetworkStatusHandler},        /* access point status */
     {"vekGetClientStatus", vekGetClientStatusHandler},          /* access point status */
-    {"vekGetRadioConfig", vekGetRadioConfigHandler},            /* access point status */
-    {"vekGetNetworkConfig", vekGetNetworkConfigHandler},        /* access point status */
+    {"vekGetRadioConfig", vekGetRadioConfigHandler},            /* access point configuration */
+    {"vekGetNetworkConfig", vekGetNetworkConfigHandler},        /* access point configuration */
     {"vekSetNetworkConfig", vekSetNetworkConfigHandler},        /* wireless networks */
     {"vekGetClientList", vekGetClientListHandler},              /* guest and clients */
     {"vekGetGuestNetworkConfig", vekGetGuestNetworkConfigHandler}, /* guest and clients */

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "client/reply.h"
+#include "client/script_answers.h"
 #include "json/json_filter.h"
 #include "json/envelope.h"
 #include "json/accessors.h"
@@ -42,33 +43,6 @@ static const char *const kGuestConfigKeys[] = {
     "deviceId", "interface", "ssid", "guestEnabled", "broadcastEnabled", "security",
     "password", "separationEnabled", "gatewayIp", "subnetMask", "startingIp", "endingIp",
     NULL};
-
-/* Runs a query of the utility script and answers with the filtered copy of
- * its JSON answer as "result"; without any answer the reply carries no
- * "result"; an answer that is not JSON is refused. */
-static void replyWithScriptAnswer(const cJSON *request, const char *cmd,
-                                  const char *const *topKeys, const char *const *itemKeys)
-{
-    KC_DEBUG("sys_cmd = %s\n", cmd);
-    char *answer = run_shell_command(cmd, 16384);
-    cJSON *reply = initJsonRpcObject();
-    addJsonRpcId(request, reply, "id");
-    if (answer[0] != '\0') {
-        cJSON *parsed = jsonParse(answer);
-        if (parsed == NULL) {
-            free_text(answer);
-            jsonDelete(reply);
-            replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
-            return;
-        }
-        cJSON *result = json_filter_copy(parsed, topKeys, itemKeys);
-        if (result != NULL)
-            jsonAddItem(reply, "result", result);
-        jsonDelete(parsed);
-    }
-    free_text(answer);
-    replyResult(reply);
-}
 
 /* The LAN mask of the running device. */
 static char *readLanMask(void)
@@ -179,7 +153,8 @@ void vekGetClientListHandler(const cJSON *request)
     char cmd[128];
     snprintf(cmd, sizeof cmd, "%s vekGetClientList result %d", KAPRI_UTIL_SCRIPT,
              networkIndex);
-    replyWithScriptAnswer(request, cmd, kClientListKeys, kClientKeys);
+    KC_DEBUG("sys_cmd = %s\n", cmd);
+    replyFilteredAnswer(request, cmd, kClientListKeys, kClientKeys);
     KC_DEBUG("=== END ===\n");
 }
 
@@ -199,7 +174,8 @@ void vekGetGuestNetworkConfigHandler(const cJSON *request)
     char cmd[128];
     snprintf(cmd, sizeof cmd, "%s vekGetGuestNetworkConfig result %s", KAPRI_UTIL_SCRIPT,
              interface);
-    replyWithScriptAnswer(request, cmd, kGuestConfigKeys, NULL);
+    KC_DEBUG("sys_cmd = %s\n", cmd);
+    replyFilteredAnswer(request, cmd, kGuestConfigKeys, NULL);
     KC_DEBUG("=== END ===\n");
 }
 

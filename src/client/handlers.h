@@ -61,16 +61,19 @@ void dxUpdateDisableRemoteWebUiAccessHandler(const cJSON *request);
 /* Closes remote access once the external web session has expired. */
 void close_timeout_upnp_port(void);
 
-/* ---- access point status and configuration queries (ap_status.cpp) ---- */
+/* ---- access point status (ap_status.cpp) ---- */
 
-void vekGetSystemConfigHandler(const cJSON *request);
-void vekSetSystemConfigHandler(const cJSON *request);
 void vekGetStatusHandler(const cJSON *request);
 void vekGetLanStatusHandler(const cJSON *request);
 void vekGetRadioStatusHandler(const cJSON *request);
 void vekGetGuestNetworkStatusHandler(const cJSON *request);
 void vekGetNetworkStatusHandler(const cJSON *request);
 void vekGetClientStatusHandler(const cJSON *request);
+
+/* ---- access point configuration (ap_config.cpp) ---- */
+
+void vekGetSystemConfigHandler(const cJSON *request);
+void vekSetSystemConfigHandler(const cJSON *request);
 void vekGetRadioConfigHandler(const cJSON *request);
 void vekGetNetworkConfigHandler(const cJSON *request);
 

@@ -70,6 +70,18 @@ cJSON *filteredReply(const cJSON *request, cJSON *answer, const char *const *top
     return reply;
 }
 
+void replyFilteredAnswer(const cJSON *request, const char *cmd, const char *const *topKeys,
+                         const char *const *itemKeys)
+{
+    cJSON *answer = NULL;
+    Refusal why = scriptJson(cmd, &answer);
+    if (isRefused(why)) {
+        replyRefusal(request, why);
+        return;
+    }
+    replyResult(filteredReply(request, answer, topKeys, itemKeys));
+}
+
 /* ---- re-shaping ---- */
 
 const char *answerText(const cJSON *object, const char *name)

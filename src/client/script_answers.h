@@ -42,6 +42,11 @@ Refusal scriptJson(const char *cmd, cJSON **answer);
  * (json/json_filter.h); no "result" without an answer.  Deletes answer. */
 cJSON *filteredReply(const cJSON *request, cJSON *answer, const char *const *topKeys,
                      const char *const *itemKeys);
+/* The whole query: runs cmd, then replies to request with the filtered
+ * copy of its answer (filteredReply), or refuses an answer that does not
+ * parse.  The caller prints its own "sys_cmd" debug line. */
+void replyFilteredAnswer(const cJSON *request, const char *cmd, const char *const *topKeys,
+                         const char *const *itemKeys);
 
 /* ---- the "WifiInfo" and "GuestNetworkInfo" answers re-shaped ---- */
 

@@ -23,6 +23,7 @@
 #include "sdk/nimb_sdk.h"
 #include "util/apply.h"
 #include "util/debug.h"
+#include "util/device_name.h"
 #include "util/ip_network.h"
 #include "util/shell.h"
 #include "util/uci.h"
@@ -185,20 +186,6 @@ static int write_network_settings(const NetworkSettings *settings)
     uci_set("dhcp.@dnsmasq[0].resolvfile",
             settings->autoResolver == 1 ? kAutoResolvFile : kFixedResolvFile);
     return 0;
-}
-
-/* A changed device name goes to SNMP and the system, each committed at
- * once (every commit commits all packages). */
-static void renameDevice(const char *name)
-{
-    char *current = uci_get("system.system.SystemName");
-    if (current != NULL && strcmp(current, name) != 0) {
-        uci_set("snmpd.snmpv2.sysName", name);
-        uci_commit(NULL);
-        uci_set("system.system.SystemName", name);
-        uci_commit(NULL);
-    }
-    free_text(current);
 }
 
 /* 1 when the requested LAN address would fall into the guest DHCP range
