@@ -110,6 +110,7 @@ void dxStreamSystemLogsHandler(const cJSON *request)
         replyRefusal(request, refusal(JSONRPC_INVALID_PARAMS));
         return;
     }
+    /* no reply on success: the streamed lines are the results */
     keepStreamId(request);
     KC_DEBUG("=== END ===\n");
 }

@@ -341,6 +341,8 @@ void dxSetNetworkSettingsHandler(const cJSON *request)
     int waited = waitForPendingReply(reply);
     if (waited < 0) {
         KC_DEBUG("dxSetNetworkSettingsHandler: reply ack message timeout!\n");
+        /* the one handler with a second reply: its success could not
+         * leave, so 10001 follows it and nothing is applied */
         replyRefusal(request, refusal(KC_ERROR_DEVICE_STATE));
         return;
     }
