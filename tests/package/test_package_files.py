@@ -52,6 +52,11 @@ def test_makefile_structure():
     for var in ("PKG_VERSION", "PKG_LICENSE", "PKG_LICENSE_FILES",
                 "PKG_MAINTAINER"):
         assert re.search(r"^%s:=\S" % var, code, re.M), var
+    # every licence file the package names is in the tree
+    files = re.search(r"^PKG_LICENSE_FILES:=(.*)$", code, re.M).group(1).split()
+    assert files
+    for name in files:
+        assert os.path.isfile(os.path.join(ROOT, name)), name
     # includes in order: rules.mk, package.mk, cmake.mk, then BuildPackage
     order = [code.index(s) for s in (
         "include $(TOPDIR)/rules.mk", "include $(INCLUDE_DIR)/package.mk",
