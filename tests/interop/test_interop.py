@@ -193,11 +193,14 @@ def test_a_long_form_reply_is_masked_with_key_bytes_three_and_four(connected):
             reply = reply[:len(garbled)]
             if len(garbled) < 4:
                 return  # too short to tell the masking positions apart
+        # garbled unless the random key's two halves are equal (1 in 65,536);
+        # one position modulo 4 may come out right by chance (a key byte 0
+        # equal to byte 2: 1 in 256), so the positions 0 and 1 are not
+        # judged one by one
         assert len(garbled) == len(reply) and garbled != reply
         # positions 2 and 3 modulo 4 come out right (the payload was masked
-        # there with the key bytes the header carries), 0 and 1 do not
+        # there with the key bytes the header carries)
         assert garbled[2::4] == reply[2::4] and garbled[3::4] == reply[3::4]
-        assert garbled[0::4] != reply[0::4]
 
 
 @pytest.mark.parametrize("size", OVERSIZED)
