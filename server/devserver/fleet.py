@@ -282,8 +282,12 @@ class FleetState(object):
                                                       request.get("params"), rid)
                         outcome["sent" if ok else "skipped"].append(mac)
                         if mode == "close":
-                            # the close frame right behind the request
+                            # the close frame right behind the request: the
+                            # task writes it as soon as it runs, before the
+                            # next device's request (sending does not
+                            # otherwise give the loop a turn)
                             links.append((conn.link, self._close_soon(conn.link)))
+                            await asyncio.sleep(0)
                 if mode == "close" and rid is None:
                     links = [(conn.link, self._close_soon(conn.link)) for _, conn in targets]
             finally:
