@@ -3,6 +3,7 @@
 # status, journal and process as the tool's own Python program per call
 # (SIMDEVICE_TOOLSERVER=0), and a killed call stops at once.
 import os
+import re
 import signal
 import subprocess
 import time
@@ -193,6 +194,9 @@ def test_a_front_end_killed_outright_takes_its_worker_with_it(device):
     device.write_file("/tmp/go", "")
     out, err = p.communicate(timeout=30)
     assert out.decode() == "status 137\n"
+    # the server's log names the worker that died of a signal, and its call
+    log = safefs.read_text(device.run, ".simtools/server.log")
+    assert re.search(r"worker \d+ \(\S*logread -f\) ended by signal %d" % signal.SIGIO, log), log
 
 
 def test_signals_reach_the_tool_as_they_reach_its_own_python(device):

@@ -23,6 +23,7 @@ for extra in (os.path.join(ROOT, "device"), os.path.join(ROOT, "server"), HERE):
         sys.path.insert(0, extra)
 
 from simdevice import Device  # noqa: E402
+import safefs  # noqa: E402
 from device_server import DeviceServer  # noqa: E402
 from rawpeer import RawPeer  # noqa: E402
 
@@ -304,6 +305,15 @@ def stop_agents(device, started, request):
                 lines = stream.lines[-FAILURE_TAIL:]
                 print("---- agent %d: last %d lines of its %s ----" % (n + 1, len(lines), name))
                 print("\n".join(lines))
+    if failed and started:
+        # what the device's tool server noted (tools that died of a signal)
+        try:
+            log = safefs.read_text(device.run, ".simtools/server.log")
+        except (OSError, safefs.UnsafePath):
+            log = None
+        if log:
+            print("---- the device's tool server log (last lines) ----")
+            print("\n".join(log.splitlines()[-40:]))
         if not agent.expect_abort:
             reports = agent.sanitizer_reports()
             assert not reports, "sanitizer report from the agent:\n" + agent.err.text()

@@ -489,7 +489,7 @@ def accept(listener, poll, calls):
         conn.close()  # the front end runs the tool itself
         return
     pidfd = os.pidfd_open(pid)
-    calls[pidfd] = (pid, conn)
+    calls[pidfd] = (pid, conn, req[0])
     poll.register(pidfd, select.EPOLLIN)
     try:
         conn.sendall(INT.pack(pid))
@@ -498,10 +498,19 @@ def accept(listener, poll, calls):
 
 
 def finish(pidfd, poll, calls):
-    pid, conn = calls.pop(pidfd)
+    pid, conn, argv = calls.pop(pidfd)
     poll.unregister(pidfd)
     os.close(pidfd)
     _, status = os.waitpid(pid, 0)
+    if os.WIFSIGNALED(status):
+        # a tool that died of a signal prints nothing for its caller: the
+        # server's log (RUN/.simtools/server.log) keeps the trace
+        try:
+            sys.stderr.write("toolserver: worker %d (%s) ended by signal %d\n" % (
+                pid, " ".join(os.fsdecode(a) for a in argv), os.WTERMSIG(status)))
+            sys.stderr.flush()
+        except (OSError, ValueError):
+            pass
     try:
         conn.sendall(INT.pack(status))
     except OSError:
