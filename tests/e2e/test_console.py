@@ -23,6 +23,7 @@ from simdevice import Device
 
 webdriver = pytest.importorskip("selenium.webdriver")
 from selenium.webdriver.chrome.service import Service  # noqa: E402
+from selenium.common.exceptions import StaleElementReferenceException  # noqa: E402
 from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.support.ui import Select, WebDriverWait  # noqa: E402
 
@@ -75,7 +76,10 @@ def shot(driver, name):
 
 
 def until(driver, condition, timeout=30, what=""):
-    return WebDriverWait(driver, scaled(timeout), 0.1).until(
+    # the pages re-render their lists as data arrives: an element found a
+    # moment ago may be gone when read, and the condition is asked again
+    return WebDriverWait(driver, scaled(timeout), 0.1,
+                         ignored_exceptions=(StaleElementReferenceException,)).until(
         lambda d: condition(d), message=what)
 
 
