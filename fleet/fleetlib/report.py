@@ -24,14 +24,21 @@ SUMMED = ("connected", "reconnecting", "answered", "status_updates", "events",
           "memory_mib", "cpu_pct", "devices")
 
 
-def _pct(values, q):
+def percentile(values, q):
+    """The q-quantile of values, interpolated between neighbours; None
+    for no values."""
     if not values:
         return None
     values = sorted(values)
     k = (len(values) - 1) * q
     lo = int(k)
     hi = min(lo + 1, len(values) - 1)
-    return round(values[lo] + (values[hi] - values[lo]) * (k - lo), 3)
+    return values[lo] + (values[hi] - values[lo]) * (k - lo)
+
+
+def _pct(values, q):
+    p = percentile(values, q)
+    return None if p is None else round(p, 3)
 
 
 def _time_to_fraction(delays, n, q):

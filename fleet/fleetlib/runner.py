@@ -41,14 +41,7 @@ class Interrupted(Exception):
     pass
 
 
-def percentile(values, q):
-    if not values:
-        return None
-    values = sorted(values)
-    k = (len(values) - 1) * q
-    lo = int(k)
-    hi = min(lo + 1, len(values) - 1)
-    return values[lo] + (values[hi] - values[lo]) * (k - lo)
+percentile = report.percentile
 
 
 class Runner:
