@@ -46,6 +46,9 @@ def start_system_follower(device):
     assert r.returncode == 0, r.stderr
     pid = int(r.stdout.strip())
     assert wait_for(lambda: pid in [p["pid"] for p in device.find("logread")])
+    # once its journal line shows it follows; the caller's clear of the
+    # journal then cannot leave this line for the agent's follower's one
+    assert device.wait_journal("logread -f")
     return pid
 
 
