@@ -269,7 +269,8 @@ def copy_in(root, rel, src, mode=None):
 # above (no link followed, the expected kind), binds what it opened onto a
 # staging tmpfs laid over /tmp of that namespace, becomes the sandbox user
 # and execs bubblewrap, which binds the staged paths: what is mounted is
-# what was opened.
+# what was opened.  A program to exec that lives under /tmp (a tree cloned
+# there) keeps its top directory under /tmp, bound again over the tmpfs.
 #
 #   safefs.py launch RUN UID GID N KIND PATH ... -- ARGV...
 #       N sources as KIND PATH pairs, source i staged at STAGE/i.  KIND:
@@ -314,6 +315,20 @@ def _parse_launch(args):
             "argv": args[5 + 2 * n:]}
 
 
+def _kept_tmp_dir(program):
+    """/tmp/NAME when the program (a path, or a name looked up in PATH)
+    lives below the directory /tmp/NAME, else None."""
+    import shutil
+    path = program if "/" in program else shutil.which(program)
+    if not path:
+        return None
+    parts = os.path.realpath(path).split("/")
+    if len(parts) < 4 or parts[1] != "tmp" or \
+            "/tmp/" + parts[2] == STAGE:
+        return None
+    return "/tmp/" + parts[2]
+
+
 def launch(spec):
     import ctypes
     libc = ctypes.CDLL(None, use_errno=True)
@@ -329,8 +344,20 @@ def launch(spec):
     # opened in this namespace (a bind takes its source from the caller's)
     fds = [open_source(spec["run"], kind, path)
            for kind, path in spec["sources"]]
+    # the program run at the end, when it lives under /tmp (a tree cloned
+    # there): the staging tmpfs would hide it, so its top directory under
+    # /tmp is opened now and bound again at its place
+    kept = _kept_tmp_dir(spec["argv"][0])
+    kept_fd = os.open(kept, os.O_PATH | os.O_DIRECTORY | os.O_NOFOLLOW |
+                      os.O_CLOEXEC) if kept else None
     check(libc.mount(b"tmpfs", b"/tmp", b"tmpfs", 0, b"mode=755"),
           "staging tmpfs")
+    if kept_fd is not None:
+        os.mkdir(kept, 0o755)
+        check(libc.mount(("/proc/self/fd/%d" % kept_fd).encode(),
+                         kept.encode(), None, _MS_BIND | _MS_REC, None),
+              "bind " + kept)
+        os.close(kept_fd)
     os.mkdir(STAGE, 0o755)
     for i, fd in enumerate(fds):
         target = "%s/%d" % (STAGE, i)

@@ -167,3 +167,34 @@ def test_cli_exec_and_stop_reach_the_device_the_cli_started(tmp_path):
         if p.poll() is None:
             p.kill()
             p.wait()
+
+
+def test_a_launcher_program_under_tmp_stays_reachable(tmp_path):
+    """The launcher lays its staging tmpfs over /tmp of its own mount
+    namespace; a program it runs from a tree under /tmp (a clone there,
+    whose MIPS runs start through its target/qemu-binfmt.sh) is still
+    found, with the files beside it, while the rest of the host's /tmp
+    stays hidden."""
+    import tempfile
+    import simdevice
+    import safefs
+    tree = tempfile.mkdtemp(prefix="kc-launch-", dir="/tmp")
+    try:
+        os.chmod(tree, 0o755)
+        os.mkdir(os.path.join(tree, "bin"), 0o755)
+        with open(os.path.join(tree, "data.txt"), "w") as f:
+            f.write("beside the program\n")
+        prog = os.path.join(tree, "bin", "prog.sh")
+        with open(prog, "w") as f:
+            f.write('#!/bin/sh\ncat "$(dirname "$0")/../data.txt"\nls -A /tmp\n')
+        os.chmod(prog, 0o755)
+        argv = safefs.launch_argv(simdevice.PYTHON, str(tmp_path), simdevice.sandbox_ids(),
+                                  [], [prog])
+        r = subprocess.run(argv, capture_output=True, text=True, timeout=60)
+        assert r.returncode == 0, r.stderr
+        lines = r.stdout.splitlines()
+        assert lines[0] == "beside the program", r.stdout
+        assert sorted(lines[1:]) == sorted([os.path.basename(safefs.STAGE),
+                                            os.path.basename(tree)]), r.stdout
+    finally:
+        shutil.rmtree(tree)
