@@ -535,8 +535,10 @@ class DeviceServer(Hooks):
                 self._log("[conn %d] PROTOCOL VIOLATION (docs/openrpc.json): %s" % (
                     conn.index, "; ".join(problems)))
         self._notify("on_message", conn, raw, parsed, method, at)
+        # a reply: no "method", and a result, an error or at least an "id"
+        # (the agent passes an empty script answer on without a result)
         if isinstance(parsed, dict) and "method" not in parsed and (
-                "result" in parsed or "error" in parsed):
+                "result" in parsed or "error" in parsed or "id" in parsed):
             fut = self._pending.pop(key, None)
             if fut is not None and not fut.done():
                 fut.set_result(Reply(parsed, raw))

@@ -51,6 +51,33 @@ def test_request_reply_matching(server):
     agent.close()
 
 
+def test_a_reply_without_result_or_error_is_matched_by_its_id(server):
+    """The agent passes an empty script answer on as a reply with only
+    "jsonrpc" and "id": the request gets it at once, and a notification
+    (which has a "method") with the same id is never taken for it."""
+    import threading
+    agent = FakeAgent(server.url, answer=False).connect()
+    server.wait_for_connection(5)
+
+    def answer():
+        deadline = time.monotonic() + 10
+        while not any('"id":"c1"' in t for t in agent.texts):
+            assert time.monotonic() < deadline
+            time.sleep(0.01)
+        agent.send_json({"jsonrpc": "2.0", "id": "c1", "method": "dsEventNotifications",
+                         "params": {}})
+        agent.send_json({"jsonrpc": "2.0", "id": "c1"})
+
+    helper = threading.Thread(target=answer)
+    helper.start()
+    reply = server.request("vekGetClientStatus", {"deviceId": MAC, "cmac": "x"}, id="c1",
+                           timeout=5)
+    helper.join()
+    assert reply.raw == '{"jsonrpc":"2.0","id":"c1"}'
+    assert server.next_message(5).method == "dsEventNotifications"
+    agent.close()
+
+
 def test_request_timeout_and_unsolicited_reply(server):
     agent = FakeAgent(server.url, answer=False).connect()
     server.wait_for_connection(5)
