@@ -339,6 +339,8 @@ def test_a_request_waits_while_the_web_configuration_reloads(device, server, sta
     device.remove_file("/tmp/luci_reload_cmd")
     reply = server.next_message(30, predicate=lambda m: m.method != "dsLogStatusUpdates")
     assert reply.data["id"] == "paused"
+    # (the reader of the agent's output may take the line after the reply)
+    assert wait_for(lambda: len(agent.out.matching(dispatch)[before:]) >= 1, 10)
     assert len(agent.out.matching(dispatch)[before:]) == 1
     # once the timer saw the file gone, five more seconds, then the request ran
     waits = agent_sleeps(device)

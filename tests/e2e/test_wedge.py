@@ -285,6 +285,9 @@ def test_sigterm_to_the_main_thread_closes_a_wedged_connection(device, start_age
         wait = PROMPT * TIMEOUT_SCALE
         assert wedge.next_connection(wait), \
             "no new connection within %.0f s of the SIGTERM" % wait
+        # the line is printed before the new connection starts, but the
+        # reader of the agent's output may take it after the test saw that
+        assert wait_for(lambda: len(agent.out.matching(r"\] ACK close\.$")) > before, 10)
         assert len(agent.out.matching(r"\] ACK close\.$")) == before + 1
     finally:
         wedge.release()
