@@ -81,7 +81,8 @@ def test_a_gateway_that_never_confirms_a_mapping_is_10101(device, connected, gat
     assert all(49152 <= int(a["NewExternalPort"]) <= 65534 and a["NewInternalPort"] == "80" and
                a["NewInternalClient"] == simnet.DEVICE_IP and a["NewLeaseDuration"] == "300" and
                a["NewPortMappingDescription"] == "nimb:UPnP:port" for a in added), added
-    assert sorted(gw.mappings) == sorted(int(a["NewExternalPort"]) for a in added)
+    # (a random port may come up twice: the gateway holds it once)
+    assert sorted(gw.mappings) == sorted({int(a["NewExternalPort"]) for a in added})
     # access stays closed; the timeout asked for is kept
     assert device.uci_committed("upnpc.http.enable") == "0"
     assert not device.exists(RECORD)
