@@ -15,6 +15,7 @@
 # open_node) and handed to bubblewrap by descriptor.
 import errno
 import os
+import shutil
 import stat
 
 _DIR_FLAGS = os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW | os.O_CLOEXEC
@@ -318,7 +319,6 @@ def _parse_launch(args):
 def _kept_tmp_dir(program):
     """/tmp/NAME when the program (a path, or a name looked up in PATH)
     lives below the directory /tmp/NAME, else None."""
-    import shutil
     path = program if "/" in program else shutil.which(program)
     if not path:
         return None

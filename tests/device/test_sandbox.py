@@ -6,10 +6,13 @@ import shutil
 import signal
 import socket
 import subprocess
+import tempfile
 import time
 
 import pytest
 
+import safefs
+import simdevice
 from conftest import run_sh
 
 
@@ -175,9 +178,6 @@ def test_a_launcher_program_under_tmp_stays_reachable(tmp_path):
     whose MIPS runs start through its target/qemu-binfmt.sh) is still
     found, with the files beside it, while the rest of the host's /tmp
     stays hidden."""
-    import tempfile
-    import simdevice
-    import safefs
     tree = tempfile.mkdtemp(prefix="kc-launch-", dir="/tmp")
     try:
         os.chmod(tree, 0o755)

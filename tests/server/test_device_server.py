@@ -1,6 +1,7 @@
 """Tests of the test device server's synchronous API with an agent stand-in."""
 import json
 import socket
+import threading
 import time
 
 import pytest
@@ -55,7 +56,6 @@ def test_a_reply_without_result_or_error_is_matched_by_its_id(server):
     """The agent passes an empty script answer on as a reply with only
     "jsonrpc" and "id": the request gets it at once, and a notification
     (which has a "method") with the same id is never taken for it."""
-    import threading
     agent = FakeAgent(server.url, answer=False).connect()
     server.wait_for_connection(5)
 
